@@ -1,0 +1,9 @@
+# One warning policy for every target of the project.
+function(ostpmc_warnings target)
+  target_compile_options(${target} PRIVATE
+    -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Woverloaded-virtual
+    -Wformat=2 -Wno-format-nonliteral)
+  if(OSTPMC_WERROR)
+    target_compile_options(${target} PRIVATE -Werror)
+  endif()
+endfunction()

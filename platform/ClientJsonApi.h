@@ -1,0 +1,42 @@
+#pragma once
+
+#include <json/json.h>
+
+#include <memory>
+#include <string>
+#include <zmq.hpp>
+
+#include "IpcMsg.h"
+
+// Request/reply client side: owns a REQ socket, sends one request and waits for its reply up
+// to getClientTimeout(). A lost reply resets the socket so that the next request works.
+class ClientJsonApi {
+public:
+    // Longer than the server can be busy: a status cycle against a hung ptp4l blocks about
+    // 2 s per query, a restart of ptp4l a few seconds more.
+    static constexpr int DEFAULT_TIMEOUT_MS = 30000;
+
+    ClientJsonApi();
+    virtual ~ClientJsonApi();
+    ClientJsonApi(const ClientJsonApi&) = delete;
+    ClientJsonApi& operator=(const ClientJsonApi&) = delete;
+
+    // Connects to getIpcConnectAddress(); 0 or a negative code.
+    int init(zmq::context_t& context);
+    // Sends msg, fills reply with the reply's "data" object and returns its "result"; a
+    // negative IpcResult code when no usable reply came.
+    int sendMessage(IpcMsg& msg, Json::Value& reply);
+    // The "resultText" of the last reply, or the client's own text for a local failure.
+    const std::string& getLastResultText() const { return m_last_result_text; }
+
+    virtual std::string getIpcConnectAddress() = 0;
+    virtual int getCommandDescription(unsigned int code, std::string& out) = 0;
+    virtual int getClientTimeout();
+
+private:
+    int openSocket();
+
+    zmq::context_t* m_context = nullptr;
+    std::unique_ptr<zmq::socket_t> m_socket;
+    std::string m_last_result_text;
+};
