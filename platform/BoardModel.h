@@ -13,13 +13,13 @@ enum BoardModelType : int {
 
 // The device's board model as the system defaults give it.
 class BoardModel {
-public:
+  public:
     explicit BoardModel(int type = BOARD_MODEL_UNDEFINED) : m_type(type) {}
     BoardModelType getType() const { return static_cast<BoardModelType>(m_type); }
     int getValue() const { return m_type; }
     // "KESTREL", "WREN", "FINCH", "EGRET", "HERON"; "Undefined" for any other value.
     std::string getName() const;
 
-private:
+  private:
     int m_type;
 };

@@ -11,7 +11,7 @@
 // Request/reply client side: owns a REQ socket, sends one request and waits for its reply up
 // to getClientTimeout(). A lost reply resets the socket so that the next request works.
 class ClientJsonApi {
-public:
+  public:
     // Longer than the server can be busy: a status cycle against a hung ptp4l blocks about
     // 2 s per query, a restart of ptp4l a few seconds more.
     static constexpr int DEFAULT_TIMEOUT_MS = 30000;
@@ -31,10 +31,18 @@ public:
 
     virtual std::string getIpcConnectAddress() = 0;
     virtual int getCommandDescription(unsigned int code, std::string& out) = 0;
+    // Milliseconds to wait for a reply; a negative value waits without limit.
     virtual int getClientTimeout();
 
-private:
+  private:
     int openSocket();
+    // 1 when a reply is ready, 0 on time-out, a negative errno value when polling failed.
+    int waitForReply(int timeoutMs);
+    int receiveReply(unsigned int code, Json::Value& reply);
+    // Records the client's own text for a local failure and returns code.
+    int fail(int code);
+    // As fail, after replacing the socket: a REQ socket that lost its reply cannot send again.
+    int failAndReset(int code);
 
     zmq::context_t* m_context = nullptr;
     std::unique_ptr<zmq::socket_t> m_socket;

@@ -4,7 +4,7 @@
 
 // Base of every record that travels as JSON.
 class IJsonSerializable {
-public:
+  public:
     virtual ~IJsonSerializable() = default;
     virtual void Serialize(Json::Value& out) const = 0;
     virtual void Deserialize(Json::Value& in) = 0;

@@ -4,7 +4,7 @@
 
 // One request: its code and its JSON payload (null when the request carries none).
 class IpcMsg {
-public:
+  public:
     explicit IpcMsg(unsigned int code) : m_code(code) {}
     IpcMsg(unsigned int code, const Json::Value& data) : m_code(code), m_data(data) {}
 
@@ -12,7 +12,7 @@ public:
     Json::Value& getJsonData() { return m_data; }
     const Json::Value& getJsonData() const { return m_data; }
 
-private:
+  private:
     unsigned int m_code;
     Json::Value m_data;
 };

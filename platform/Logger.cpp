@@ -3,6 +3,7 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -113,9 +114,8 @@ void Logger::log(int level, const char* format, ...) {
     if (!wanted) {
         return;
     }
-    const std::string line = timestamp() + " " + s.processName + "[" +
-                             std::to_string(getpid()) + "] " + levelTag(level) + " " + message +
-                             "\n";
+    const std::string line = timestamp() + " " + s.processName + "[" + std::to_string(getpid()) +
+                             "] " + levelTag(level) + " " + message + "\n";
     if (s.options & LOG_TO_STDERR) {
         fputs(line.c_str(), stderr);
     }

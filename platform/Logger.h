@@ -8,7 +8,7 @@
 // Option bits: low three bits are the highest level written, LOG_TO_STDERR writes to standard
 // error, LOG_TO_FILE (with a non-empty file name) also appends to that file.
 class Logger {
-public:
+  public:
     enum logDebugLevel_t : int {
         ERR = 2,
         WRN = 3,
@@ -23,8 +23,7 @@ public:
 
     // Replaces the process's logger settings; returns 0, or -1 when the log file cannot be
     // opened (standard error logging still works then).
-    static int createLogger(unsigned int options, std::string logFileName,
-                            std::string processName);
+    static int createLogger(unsigned int options, std::string logFileName, std::string processName);
     static void log(int level, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
     static unsigned int getOptions();
@@ -34,7 +33,7 @@ public:
 // Collects every logged message, whatever its level, for as long as it lives, so that tests
 // can assert the exact texts. Captures nest: the innermost one receives the lines.
 class LogCapture {
-public:
+  public:
     struct Line {
         int level;
         std::string text;
@@ -54,7 +53,7 @@ public:
     // True if some line contains the fragment.
     bool containsFragment(const std::string& fragment) const;
 
-private:
+  private:
     friend class Logger;
     void add(int level, const std::string& text) { m_lines.push_back({level, text}); }
 

@@ -5,14 +5,14 @@
 
 // Moving mean of the last `size` samples; minSizeReached() once it holds at least `minSize`.
 class MoveAverage {
-public:
+  public:
     MoveAverage(size_t size, size_t minSize);
     void addSample(float sample);
     double getAverage() const;
     bool minSizeReached() const { return m_count >= m_min_size; }
     void reset();
 
-private:
+  private:
     std::vector<float> m_samples;
     size_t m_min_size;
     size_t m_next = 0;

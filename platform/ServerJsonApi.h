@@ -11,7 +11,7 @@
 // object. Request {"cmd": <code>, "data": <object or null>}; reply
 // {"result": <int>, "resultText": <text>, "data": <object filled by the handler>}.
 class ServerJsonApi {
-public:
+  public:
     static constexpr int MAX_REQUEST_SIZE = 64 * 1024;
 
     virtual ~ServerJsonApi() = default;
@@ -28,4 +28,8 @@ public:
 
     // Socket options every request socket needs (request size limit, no linger).
     static void configureServerSocket(zmq::socket_t& socket);
+
+  private:
+    // Decodes one request and runs the handler; the result to send. Never throws.
+    int handleRequest(const std::string& text, Json::Value& reply, bool& replyFlag);
 };

@@ -4,11 +4,11 @@
 
 // The process-wide ZeroMQ context.
 class ZmqUtils {
-public:
+  public:
     static ZmqUtils* getInstance();
     zmq::context_t& getContext() { return m_context; }
 
-private:
+  private:
     ZmqUtils() = default;
     zmq::context_t m_context;
 };

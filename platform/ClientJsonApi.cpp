@@ -1,0 +1,160 @@
+#include "ClientJsonApi.h"
+
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <exception>
+
+#include "IpcResult.h"
+#include "JsonText.h"
+#include "Logger.h"
+
+ClientJsonApi::ClientJsonApi() = default;
+
+ClientJsonApi::~ClientJsonApi() = default;
+
+int ClientJsonApi::getClientTimeout() {
+    return DEFAULT_TIMEOUT_MS;
+}
+
+int ClientJsonApi::init(zmq::context_t& context) {
+    m_context = &context;
+    return openSocket();
+}
+
+int ClientJsonApi::openSocket() {
+    m_socket.reset();
+    std::string address;
+    try {
+        address = getIpcConnectAddress();
+        auto socket = std::make_unique<zmq::socket_t>(*m_context, zmq::socket_type::req);
+        // A request still queued when the client goes away is not worth waiting for.
+        socket->set(zmq::sockopt::linger, 0);
+        socket->connect(address);
+        m_socket = std::move(socket);
+        return IpcResult::OK;
+    } catch (const zmq::error_t& e) {
+        Logger::log(Logger::ERR, "ClientJsonApi: cannot connect to %s: error %d (%s)",
+                    address.c_str(), e.num(), e.what());
+    } catch (const std::exception& e) {
+        Logger::log(Logger::ERR, "ClientJsonApi: cannot connect to %s: %s", address.c_str(),
+                    e.what());
+    }
+    return IpcResult::ERROR_NOT_CONNECTED;
+}
+
+int ClientJsonApi::sendMessage(IpcMsg& msg, Json::Value& reply) {
+    reply = Json::Value(Json::objectValue);
+    const unsigned int code = msg.getMsgCode();
+    if (!m_context) {
+        Logger::log(Logger::ERR, "ClientJsonApi: request %u: client not initialised", code);
+        return fail(IpcResult::ERROR_NOT_CONNECTED);
+    }
+    // A socket lost to an earlier failure is opened again for this request.
+    if (!m_socket && openSocket() < 0) {
+        return fail(IpcResult::ERROR_NOT_CONNECTED);
+    }
+    try {
+        Json::Value request(Json::objectValue);
+        request["cmd"] = code;
+        if (!msg.getJsonData().isNull()) {
+            request["data"] = msg.getJsonData();
+        }
+        if (!m_socket->send(zmq::buffer(JsonText::compact(request)), zmq::send_flags::dontwait)) {
+            Logger::log(Logger::ERR, "ClientJsonApi: request %u: cannot send to %s now", code,
+                        getIpcConnectAddress().c_str());
+            return failAndReset(IpcResult::ERROR_TRANSPORT);
+        }
+        const int timeoutMs = getClientTimeout();
+        const int ready = waitForReply(timeoutMs);
+        if (ready < 0) {
+            Logger::log(Logger::ERR, "ClientJsonApi: request %u: waiting for the reply failed: %s",
+                        code, strerror(-ready));
+            return failAndReset(IpcResult::ERROR_TRANSPORT);
+        }
+        if (ready == 0) {
+            Logger::log(Logger::ERR, "ClientJsonApi: request %u: no reply from %s within %d ms",
+                        code, getIpcConnectAddress().c_str(), timeoutMs);
+            // The REQ socket still waits for this reply; only a new socket can send again.
+            return failAndReset(IpcResult::ERROR_TIMEOUT);
+        }
+        return receiveReply(code, reply);
+    } catch (const zmq::error_t& e) {
+        Logger::log(Logger::ERR, "ClientJsonApi: request %u failed: error %d (%s)", code, e.num(),
+                    e.what());
+    } catch (const std::exception& e) {
+        Logger::log(Logger::ERR, "ClientJsonApi: request %u failed: %s", code, e.what());
+    }
+    return failAndReset(IpcResult::ERROR_TRANSPORT);
+}
+
+int ClientJsonApi::waitForReply(int timeoutMs) {
+    using Clock = std::chrono::steady_clock;
+    const auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
+    zmq_pollitem_t item{};
+    item.socket = m_socket->handle();
+    item.events = ZMQ_POLLIN;
+    int waitMs = timeoutMs;
+    for (;;) {
+        const int rc = zmq_poll(&item, 1, waitMs);
+        if (rc >= 0) {
+            return rc;
+        }
+        if (zmq_errno() != EINTR) {
+            return -zmq_errno();
+        }
+        // A signal cut the wait short: wait for the rest of the time only.
+        if (timeoutMs >= 0) {
+            const auto left =
+                std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+            waitMs = left.count() > 0 ? static_cast<int>(left.count()) : 0;
+        }
+    }
+}
+
+int ClientJsonApi::receiveReply(unsigned int code, Json::Value& reply) {
+    zmq::message_t frame;
+    if (!m_socket->recv(frame, zmq::recv_flags::dontwait)) {
+        Logger::log(Logger::ERR, "ClientJsonApi: request %u: reply vanished", code);
+        return failAndReset(IpcResult::ERROR_TRANSPORT);
+    }
+    // Only the first frame is the reply; the rest is read so that the socket can send again.
+    while (frame.more()) {
+        zmq::message_t extra;
+        if (!m_socket->recv(extra, zmq::recv_flags::dontwait)) {
+            break;
+        }
+        frame.swap(extra);
+    }
+
+    Json::Value envelope;
+    const bool decoded =
+        JsonText::parse(static_cast<const char*>(frame.data()), frame.size(), envelope) &&
+        envelope.isObject() && envelope["result"].isInt() &&
+        (envelope["data"].isNull() || envelope["data"].isObject());
+    if (!decoded) {
+        Logger::log(Logger::ERR, "ClientJsonApi: request %u: undecodable reply from %s", code,
+                    getIpcConnectAddress().c_str());
+        return fail(IpcResult::ERROR_BAD_REPLY);
+    }
+    const int result = envelope["result"].asInt();
+    const Json::Value& text = envelope["resultText"];
+    m_last_result_text = text.isString() ? text.asString() : IpcResult::text(result);
+    if (envelope["data"].isObject()) {
+        reply.swap(envelope["data"]);
+    }
+    return result;
+}
+
+int ClientJsonApi::fail(int code) {
+    m_last_result_text = IpcResult::text(code);
+    return code;
+}
+
+int ClientJsonApi::failAndReset(int code) {
+    m_socket.reset();
+    if (m_context) {
+        openSocket();
+    }
+    return fail(code);
+}
