@@ -1,0 +1,191 @@
+// Every request code answered by the running daemon through the client library.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <regex>
+#include <thread>
+
+#include "IpcResult.h"
+#include "Logger.h"
+#include "OstPmcCommands.h"
+#include "OstPmcJsonClient.h"
+#include "RunningDaemon.h"
+
+namespace {
+
+// A client that can also send raw codes, as a misbehaving process would.
+class RawClient : public OstPmcJsonClient {
+  public:
+    int raw(unsigned int code, Json::Value& reply) {
+        IpcMsg msg(code);
+        return sendMessage(msg, reply);
+    }
+};
+
+class DaemonRequests : public ::testing::Test {
+  protected:
+    void start(int boardModel) {
+        m_daemon = std::make_unique<RunningDaemon>(boardModel);
+        ASSERT_TRUE(m_daemon->ready()) << m_daemon->process().stderrText();
+        ASSERT_EQ(0, m_client.init(m_context));
+    }
+    std::string daemonLog() { return m_daemon->process().stderrText(); }
+
+    zmq::context_t m_context;
+    RawClient m_client;
+    std::unique_ptr<RunningDaemon> m_daemon;
+};
+
+const Json::Value& parsed(const char* text) {
+    static Json::Value value;
+    Json::CharReaderBuilder builder;
+    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+    std::string errors;
+    value = Json::Value();
+    reader->parse(text, text + strlen(text), &value, &errors);
+    return value;
+}
+
+}  // namespace
+
+TEST_F(DaemonRequests, QueriesAnswerFromTheRecordsBeforePtp4lEverRan) {
+    start(0);
+
+    Json::Value status;
+    ASSERT_EQ(0, m_client.getPtp(status));
+    EXPECT_EQ("AES67:Media", status["profile"].asString());
+    EXPECT_TRUE(status["slaveOnly"].asBool());
+    EXPECT_TRUE(status["local"]["slaveOnly"].asBool());
+    EXPECT_TRUE(status["grandMaster"]["slaveOnly"].asBool());
+    EXPECT_EQ("Reserved", status["local"]["clockAccuracyTable6"].asString());
+    EXPECT_FALSE(status.isMember("port"));
+
+    Json::Value config;
+    ASSERT_EQ(0, m_client.getPtpRunningConfig(config));
+    EXPECT_EQ(parsed(R"({"ptp": {"profile": "AES67:Media", "cfgFilePath": "", "slaveOnly": -1}})"),
+              config);
+
+    Json::Value debug;
+    ASSERT_EQ(0, m_client.getInternalDebugInfo(debug));
+    EXPECT_EQ(status, debug["status"]);
+    EXPECT_EQ(config["ptp"], debug["running-cfg"]);
+}
+
+TEST_F(DaemonRequests, UnknownCodesAreRefusedAndLogged) {
+    start(0);
+    Json::Value reply;
+    EXPECT_EQ(IpcResult::ERROR_INVALID_PARAM, m_client.raw(6, reply));
+    EXPECT_EQ("ERROR_INVALID_PARAM", m_client.getLastResultText());
+    EXPECT_EQ(IpcResult::ERROR_INVALID_PARAM, m_client.raw(0xFFFFFFFFu, reply));
+    ASSERT_TRUE(m_daemon->process().waitForStderr("Unrecognized command -1", 2000));
+    EXPECT_NE(std::string::npos, daemonLog().find(" ERR OSTPMC:: Unrecognized command 6\n"));
+    EXPECT_NE(std::string::npos, daemonLog().find(" ERR OSTPMC:: Unrecognized command -1\n"));
+    // The daemon goes on serving.
+    EXPECT_EQ(0, m_client.getPtp(reply));
+}
+
+TEST_F(DaemonRequests, StatisticsFollowTheBoardModelOfTheSystemDefaults) {
+    start(0);
+    Json::Value reply;
+    {
+        LogCapture log;
+        EXPECT_EQ(IpcResult::ERROR_NOT_AVAILABLE, m_client.getPtpStats(reply));
+        EXPECT_TRUE(std::regex_match(
+            log.lines().at(0).text,
+            std::regex(
+                R"(CHK\(int OstPmcJsonClient::getPtpStats\(Json::Value&\)\)::\d+ Error Code -29)")));
+    }
+    EXPECT_TRUE(reply.empty());
+
+    // The board model comes from the defaults file and follows it while the daemon runs.
+    for (int model : {3, 9}) {
+        m_daemon->root().writeSystemDefaults(model);
+        ASSERT_TRUE(eventually(
+            [&] {
+                reply = Json::Value();
+                return m_client.getPtpStats(reply) == 0;
+            },
+            5000))
+            << "board model " << model;
+        const Json::Value& stats = reply["ptp-stats"];
+        EXPECT_EQ(8u, stats.size());
+        EXPECT_EQ(0, stats["masterOffsetRMS"].asInt());
+        EXPECT_EQ(0.0, stats["offsetFromMaster"].asDouble());
+    }
+    m_daemon->root().writeSystemDefaults(4);
+    EXPECT_TRUE(eventually(
+        [&] { return m_client.getPtpStats(reply) == IpcResult::ERROR_NOT_AVAILABLE; }, 5000));
+}
+
+TEST_F(DaemonRequests, SettersAreRefusedWithoutChangingTheConfiguration) {
+    start(0);
+    Json::Value before;
+    ASSERT_EQ(0, m_client.getPtpRunningConfig(before));
+
+    Json::Value params;
+    params["priority1"] = 100;
+    Json::Value cfg;
+    cfg["profile"] = "SMPTE:2059-2";
+    cfg["domainNumber"] = 127;
+    Json::Value reply;
+    EXPECT_EQ(IpcResult::ERROR_NOT_IMPLEMENTED, m_client.setPtpParameter(params, reply));
+    EXPECT_EQ(IpcResult::ERROR_NOT_IMPLEMENTED, m_client.setPtpRunningConfig(cfg, reply));
+
+    Json::Value after;
+    ASSERT_EQ(0, m_client.getPtpRunningConfig(after));
+    EXPECT_EQ(before, after);
+    EXPECT_EQ("", m_daemon->root().initScriptRuns());
+}
+
+TEST(CommandDescriptions, ServerAndClientShareOneTable) {
+    OstPmcJsonClient client;
+    const char* const names[] = {"GET PTP INFO",
+                                 "SET PTP Parameter",
+                                 "GET OstPmc running config",
+                                 "SET OstPmc running config",
+                                 "GET PTP STATS",
+                                 "GET OstPmc internal debug info"};
+    for (unsigned int code = 0; code < 6; ++code) {
+        std::string out = "x";
+        EXPECT_EQ(0, client.getCommandDescription(code, out));
+        EXPECT_EQ(names[code], out);
+    }
+    // Above the table: appended, not replaced. A negative code: left as it was.
+    std::string out = "x";
+    EXPECT_EQ(0, client.getCommandDescription(9, out));
+    EXPECT_EQ("xnot recognized", out);
+    out = "x";
+    EXPECT_EQ(0, client.getCommandDescription(0xFFFFFFFFu, out));
+    EXPECT_EQ("x", out);
+}
+
+TEST(ClientAddress, HostIsReplacedPortStays) {
+    zmq::context_t context;
+    OstPmcJsonClient client;
+    EXPECT_EQ("tcp://127.0.0.1:5573", client.getIpcConnectAddress());
+    std::string host = "127.0.0.5";
+    ASSERT_EQ(0, client.init(context, host));
+    EXPECT_EQ("tcp://127.0.0.5:5573", client.getIpcConnectAddress());
+}
+
+TEST(ClientResults, PositiveResultIsSuccessAndDataIsDelivered) {
+    // A stand-in server on the daemon's port that answers every request with result 3.
+    zmq::context_t context;
+    zmq::socket_t server(context, zmq::socket_type::rep);
+    server.set(zmq::sockopt::linger, 0);
+    server.bind("tcp://127.0.0.1:5573");
+    std::thread answer([&] {
+        zmq::message_t request;
+        if (server.recv(request)) {
+            const std::string reply =
+                R"({"result": 3, "resultText": "OK", "data": {"ptp": {"profile": "GPTP:L2"}}})";
+            server.send(zmq::buffer(reply));
+        }
+    });
+    OstPmcJsonClient client;
+    ASSERT_EQ(0, client.init(context));
+    Json::Value reply;
+    EXPECT_EQ(0, client.getPtpRunningConfig(reply));
+    answer.join();
+    EXPECT_EQ("GPTP:L2", reply["ptp"]["profile"].asString());
+}

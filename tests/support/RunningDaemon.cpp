@@ -1,0 +1,35 @@
+#include "RunningDaemon.h"
+
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+bool portAccepting(int port) {
+    int fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_port = htons(static_cast<uint16_t>(port));
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    bool ok = connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0;
+    close(fd);
+    return ok;
+}
+
+RunningDaemon::RunningDaemon(int boardModel, std::vector<std::string> args) : m_root(boardModel) {
+    m_process = std::make_unique<ChildProcess>(
+        OSTPMC_BINARY, args, std::vector<std::string>{"OSTPMC_SYSROOT=" + m_root.path()},
+        m_root.path());
+    m_ready = m_process->waitForStderr("OSTPMC: Ready to receive commands", 10000);
+}
+
+RunningDaemon::~RunningDaemon() {
+    if (m_process->running()) {
+        stop();
+    }
+}
+
+int RunningDaemon::stop(int signo) {
+    m_process->signal(signo);
+    return m_process->wait(10000) ? m_process->exitCode() : -1000;
+}

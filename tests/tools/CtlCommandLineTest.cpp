@@ -1,0 +1,128 @@
+// What an operator types, and what ostpmc-ctl makes of it.
+#include <gtest/gtest.h>
+
+#include "CtlCommandLine.h"
+#include "CtlFormat.h"
+
+namespace {
+
+bool parse(std::vector<std::string> words, CtlRequest& request, std::string& error) {
+    std::vector<char*> argv{const_cast<char*>("ostpmc-ctl")};
+    for (std::string& w : words) {
+        argv.push_back(&w[0]);
+    }
+    return parseCtlCommandLine(static_cast<int>(argv.size()), argv.data(), request, error);
+}
+
+}  // namespace
+
+TEST(CtlCommandLine, CommandsAndOptions) {
+    CtlRequest r;
+    std::string error;
+    ASSERT_TRUE(parse({"--host", "127.0.0.9", "-t", "1500", "--json", "status"}, r, error));
+    EXPECT_EQ(CtlRequest::Command::Status, r.command);
+    EXPECT_EQ("127.0.0.9", r.host);
+    EXPECT_EQ(1500, r.timeoutMs);
+    EXPECT_TRUE(r.json);
+
+    CtlRequest w;
+    ASSERT_TRUE(parse({"watch", "1001", "-n", "2"}, w, error)) << error;
+    EXPECT_EQ(CtlRequest::Command::Watch, w.command);
+    EXPECT_EQ(std::vector<std::string>{"1001"}, w.topics);
+    EXPECT_EQ(2, w.count);
+
+    CtlRequest a;
+    ASSERT_TRUE(parse({"apply", "cfg.json"}, a, error));
+    EXPECT_EQ("cfg.json", a.file);
+}
+
+TEST(CtlCommandLine, MistakesAreNamed) {
+    const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
+        {{}, "no command given"},
+        {{"reboot"}, "unknown command 'reboot'"},
+        {{"--frobnicate", "status"}, "unknown option '--frobnicate'"},
+        {{"status", "now"}, "status takes no arguments"},
+        {{"-t", "soon", "status"}, "--timeout needs a positive whole number, got 'soon'"},
+        {{"-t", "0", "status"}, "--timeout needs a positive whole number, got '0'"},
+        {{"status", "--host"}, "--host needs a value"},
+        {{"apply"}, "apply needs exactly one JSON file"},
+        {{"watch", "999"}, "unknown topic '999' (1000 or 1001)"},
+        {{"set"}, "set needs at least one key=value"},
+        {{"set", "priority1"}, "expected key=value, got 'priority1'"},
+        {{"set", "priority1=high"}, "priority1 needs a whole number, got 'high'"},
+        {{"set", "priority1=99999999999"}, "priority1 needs a whole number, got '99999999999'"},
+        {{"set", "slaveOnly=maybe"}, "slaveOnly needs true or false, got 'maybe'"},
+        {{"set", "colour=red"}, "unknown parameter 'colour'"},
+        {{"set", "profile="}, "profile needs a profile name"},
+    };
+    for (const auto& [words, expected] : cases) {
+        CtlRequest r;
+        std::string error;
+        EXPECT_FALSE(parse(words, r, error)) << expected;
+        EXPECT_EQ(expected, error);
+    }
+}
+
+TEST(CtlCommandLine, SetBuildsTheParameterObjectOfTheRequest) {
+    CtlRequest r;
+    std::string error;
+    ASSERT_TRUE(parse({"set", "domain=0x7f", "priority1=100", "port=2", "syncInterval=-3",
+                       "slaveOnly=true", "profile=smpte"},
+                      r, error))
+        << error;
+    EXPECT_EQ(CtlRequest::Command::Set, r.command);
+    Json::Value expected;
+    expected["domain"] = 127;
+    expected["priority1"] = 100;
+    expected["port"] = 2;
+    expected["syncInterval"] = -3;
+    expected["slaveOnly"] = true;
+    expected["profile"] = "smpte";
+    EXPECT_EQ(expected, r.parameters);
+}
+
+TEST(CtlFormat, ReadableTextShowsWhatIsThereAndMarksWhatIsNot) {
+    Json::Value status;
+    status["profile"] = "SMPTE:2059-2";
+    status["domainNumber"] = 127;
+    status["offsetFromMaster"] = -4987.25;
+    status["local"]["clockAccuracy"] = 0xFE;
+    status["local"]["clockAccuracyTable6"] = "Unknown";
+    Json::Value port;
+    port["portId"] = 1;
+    port["roleStatus"] = "Slave";
+    port["roleStatusId"] = 9;
+    status["port"].append(port);
+    const std::string text = CtlFormat::status(status);
+    EXPECT_NE(std::string::npos, text.find("SMPTE:2059-2"));
+    EXPECT_NE(std::string::npos, text.find("-4987.2 ns"));
+    EXPECT_NE(std::string::npos, text.find("0xfe (Unknown)"));
+    EXPECT_NE(std::string::npos, text.find("port 1  Slave (9)"));
+    EXPECT_NE(std::string::npos, text.find("mean path delay       - ns"));
+
+    Json::Value cfg;
+    cfg["profile"] = "AES67:Media";
+    cfg["cfgFilePath"] = "";
+    cfg["slaveOnly"] = -1;
+    const std::string cfgText = CtlFormat::config(cfg);
+    EXPECT_NE(std::string::npos, cfgText.find("domain                not set"));
+    EXPECT_NE(std::string::npos, cfgText.find("slave only            not set"));
+    EXPECT_NE(std::string::npos, cfgText.find("config file           profile default"));
+
+    Json::Value notification;
+    notification["action"] = 2;
+    notification["gmid"] = "00-11-22-ff-fe-33-44-55";
+    notification["domain"] = 0;
+    notification["ptp-state"] = "slave-stable";
+    EXPECT_EQ(
+        "[1000] state slave-stable  action resume-all  grandmaster 00-11-22-ff-fe-33-44-55"
+        "  domain 0\n",
+        CtlFormat::publication("1000", notification));
+    // Wrongly typed or unknown content still prints.
+    Json::Value odd;
+    odd["action"] = "loud";
+    EXPECT_NE(std::string::npos, CtlFormat::publication("1000", odd).find("action loud"));
+    Json::Value other;
+    other["a"] = 1;
+    EXPECT_EQ("[7] {\"a\":1}\n", CtlFormat::publication("7", other));
+}

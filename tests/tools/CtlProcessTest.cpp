@@ -1,0 +1,140 @@
+// ostpmc-ctl run as a person on the device runs it, against the running daemon.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+
+#include "ChildProcess.h"
+#include "PublishJsonServer.h"
+#include "RunningDaemon.h"
+
+namespace {
+
+struct CtlRun {
+    int exitCode;
+    std::string out;
+    std::string err;
+};
+
+CtlRun runCtl(const std::vector<std::string>& args, const std::string& dir = "/tmp",
+              int timeoutMs = 20000) {
+    ChildProcess ctl(OSTPMC_CTL_BINARY, args, {}, dir);
+    if (!ctl.wait(timeoutMs)) {
+        return {-1000, ctl.stdoutText(), ctl.stderrText()};
+    }
+    return {ctl.exitCode(), ctl.stdoutText(), ctl.stderrText()};
+}
+
+bool has(const std::string& text, const std::string& part) {
+    return text.find(part) != std::string::npos;
+}
+
+Json::Value parse(const std::string& text) {
+    Json::Value value;
+    Json::CharReaderBuilder builder;
+    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+    std::string errors;
+    EXPECT_TRUE(reader->parse(text.data(), text.data() + text.size(), &value, &errors)) << text;
+    return value;
+}
+
+}  // namespace
+
+TEST(CtlWithoutDaemon, HelpUsageAndNoAnswer) {
+    CtlRun help = runCtl({"--help"});
+    EXPECT_EQ(0, help.exitCode);
+    EXPECT_TRUE(has(help.out, "usage: ostpmc-ctl"));
+
+    CtlRun bad = runCtl({"statuss"});
+    EXPECT_EQ(1, bad.exitCode);
+    EXPECT_TRUE(has(bad.err, "ostpmc-ctl: unknown command 'statuss'"));
+
+    // Nothing listens: a clear message within the time-out, not a hang.
+    ASSERT_FALSE(portAccepting(5573)) << "a daemon is running on this machine";
+    CtlRun none = runCtl({"--timeout", "500", "status"});
+    EXPECT_EQ(3, none.exitCode);
+    EXPECT_EQ(
+        "ostpmc-ctl: no answer from ostPmc at tcp://127.0.0.1:5573 within 500 ms "
+        "(ERROR_TIMEOUT)\n",
+        none.err);
+    EXPECT_EQ("", none.out);
+
+    CtlRun missingFile = runCtl({"apply", "/nonexistent/cfg.json"});
+    EXPECT_EQ(1, missingFile.exitCode);
+    EXPECT_TRUE(has(missingFile.err, "cannot read /nonexistent/cfg.json"));
+}
+
+TEST(CtlWithDaemon, ShowsWhatTheDaemonThinks) {
+    RunningDaemon daemon(0);
+    ASSERT_TRUE(daemon.ready()) << daemon.process().stderrText();
+    const std::string dir = daemon.root().path();
+
+    CtlRun status = runCtl({"status"}, dir);
+    EXPECT_EQ(0, status.exitCode) << status.err;
+    EXPECT_TRUE(has(status.out, "profile               AES67:Media")) << status.out;
+    EXPECT_TRUE(has(status.out, "ports                 none")) << status.out;
+
+    CtlRun json = runCtl({"--json", "status"}, dir);
+    EXPECT_EQ(0, json.exitCode);
+    EXPECT_EQ("AES67:Media", parse(json.out)["profile"].asString());
+
+    CtlRun config = runCtl({"config"}, dir);
+    EXPECT_EQ(0, config.exitCode);
+    EXPECT_TRUE(has(config.out, "priority1             not set")) << config.out;
+
+    CtlRun debug = runCtl({"-j", "debug"}, dir);
+    EXPECT_EQ(0, debug.exitCode);
+    Json::Value both = parse(debug.out);
+    EXPECT_TRUE(both.isMember("status") && both.isMember("running-cfg"));
+
+    // Board model 0 collects no statistics: the daemon refuses, and says why.
+    CtlRun stats = runCtl({"stats"}, dir);
+    EXPECT_EQ(2, stats.exitCode);
+    EXPECT_EQ("ostpmc-ctl: ostPmc refused the request: -29 ERROR_NOT_AVAILABLE_ON_THIS_BOARD\n",
+              stats.err);
+    daemon.root().writeSystemDefaults(3);
+    EXPECT_TRUE(eventually([&] { return runCtl({"stats"}, dir).exitCode == 0; }, 5000));
+
+    const std::string cfgFile = dir + "/cfg.json";
+    writeTextFile(cfgFile, "{\"profile\": \"SMPTE:2059-2\"}");
+    CtlRun apply = runCtl({"apply", cfgFile}, dir);
+    EXPECT_EQ(2, apply.exitCode);
+    EXPECT_TRUE(has(apply.err, "refused the request: -38")) << apply.err;
+    writeTextFile(cfgFile, "[1, 2");
+    CtlRun broken = runCtl({"apply", cfgFile}, dir);
+    EXPECT_EQ(1, broken.exitCode);
+    EXPECT_TRUE(has(broken.err, "is not valid JSON")) << broken.err;
+}
+
+TEST(CtlWatch, PrintsPublicationsAsTheyArrive) {
+    zmq::context_t context;
+    PublishJsonServer publisher(context);
+    ASSERT_EQ(0, publisher.bindToAddress("tcp://127.0.0.1:5574"));
+
+    ChildProcess watch(OSTPMC_CTL_BINARY, {"watch", "1000", "--count", "1", "--timeout", "10000"},
+                       {}, "/tmp");
+    // A subscriber misses what is sent before it is connected: publish until it has printed.
+    Json::Value config;
+    config["profile"] = "GPTP:L2";
+    Json::Value notification;
+    notification["action"] = 1;
+    notification["gmid"] = "00-11-22-ff-fe-33-44-55";
+    notification["domain"] = 0;
+    notification["ptp-state"] = "failure";
+    std::string configTopic = "1001";
+    std::string fsmTopic = "1000";
+    EXPECT_TRUE(eventually(
+        [&] {
+            publisher.publish(configTopic, config);
+            publisher.publish(fsmTopic, notification);
+            return !watch.running();
+        },
+        10000));
+    ASSERT_TRUE(watch.wait(1000));
+    EXPECT_EQ(0, watch.exitCode()) << watch.stderrText();
+    // Only the topic asked for, one publication, readable.
+    EXPECT_EQ(
+        "[1000] state failure  action mute-all  grandmaster 00-11-22-ff-fe-33-44-55  "
+        "domain 0\n",
+        watch.stdoutText());
+}

@@ -1,0 +1,199 @@
+#include "CtlRunner.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+#include <zmq.hpp>
+
+#include "CtlFormat.h"
+#include "IpcResult.h"
+#include "OstPmcJsonClient.h"
+
+namespace {
+
+constexpr unsigned int PUBLISH_PORT = 5574;
+
+class CtlClient : public OstPmcJsonClient {
+  public:
+    explicit CtlClient(int timeoutMs) : m_timeout_ms(timeoutMs) {}
+    int getClientTimeout() override {
+        return m_timeout_ms > 0 ? m_timeout_ms : OstPmcJsonClient::getClientTimeout();
+    }
+
+  private:
+    int m_timeout_ms;
+};
+
+int reportFailure(CtlClient& client, int rc, FILE* err) {
+    const char* what = IpcResult::text(rc);
+    if (rc == IpcResult::ERROR_TIMEOUT || rc == IpcResult::ERROR_TRANSPORT ||
+        rc == IpcResult::ERROR_NOT_CONNECTED || rc == IpcResult::ERROR_BAD_REPLY) {
+        fprintf(err, "ostpmc-ctl: no answer from ostPmc at %s within %d ms (%s)\n",
+                client.getIpcConnectAddress().c_str(), client.getClientTimeout(), what);
+        return CTL_NO_ANSWER;
+    }
+    const std::string& text = client.getLastResultText();
+    fprintf(err, "ostpmc-ctl: ostPmc refused the request: %d %s\n", rc,
+            text.empty() ? what : text.c_str());
+    return CTL_REFUSED;
+}
+
+bool loadJsonFile(const std::string& path, Json::Value& out, std::string& error) {
+    std::ifstream in(path);
+    if (!in) {
+        error = "cannot read " + path + ": " + strerror(errno);
+        return false;
+    }
+    Json::CharReaderBuilder builder;
+    std::string parseErrors;
+    if (!Json::parseFromStream(builder, in, &out, &parseErrors)) {
+        error = path + " is not valid JSON: " + parseErrors;
+        return false;
+    }
+    if (!out.isObject()) {
+        error = path + " must hold a JSON object";
+        return false;
+    }
+    return true;
+}
+
+void print(FILE* out, const std::string& text) {
+    fputs(text.c_str(), out);
+    fflush(out);
+}
+
+int runWatch(const CtlRequest& request, zmq::context_t& context, FILE* out, FILE* err) {
+    std::string endpoint = "tcp://" + request.host + ":" + std::to_string(PUBLISH_PORT);
+    try {
+        zmq::socket_t sub(context, zmq::socket_type::sub);
+        sub.set(zmq::sockopt::linger, 0);
+        sub.connect(endpoint);
+        if (request.topics.empty()) {
+            sub.set(zmq::sockopt::subscribe, "");
+        }
+        for (const std::string& topic : request.topics) {
+            sub.set(zmq::sockopt::subscribe, topic);
+        }
+        int received = 0;
+        while (request.count == 0 || received < request.count) {
+            zmq::pollitem_t item{sub.handle(), 0, ZMQ_POLLIN, 0};
+            int ready = zmq::poll(
+                &item, 1,
+                std::chrono::milliseconds(request.timeoutMs > 0 ? request.timeoutMs : -1));
+            if (ready == 0) {
+                fprintf(err, "ostpmc-ctl: no publication from %s within %d ms\n", endpoint.c_str(),
+                        request.timeoutMs);
+                return CTL_NO_ANSWER;
+            }
+            zmq::message_t topic;
+            zmq::message_t body;
+            if (!sub.recv(topic) || !topic.more() || !sub.recv(body)) {
+                continue;
+            }
+            while (body.more()) {  // a malformed publication: drop the rest of it
+                zmq::message_t extra;
+                if (!sub.recv(extra)) {
+                    break;
+                }
+            }
+            std::string topicText = topic.to_string();
+            std::string bodyText = body.to_string();
+            Json::Value json;
+            Json::CharReaderBuilder builder;
+            std::string parseErrors;
+            std::istringstream in(bodyText);
+            if (request.json || !Json::parseFromStream(builder, in, &json, &parseErrors)) {
+                print(out, topicText + " " + bodyText + "\n");
+            } else {
+                print(out, CtlFormat::publication(topicText, json));
+            }
+            ++received;
+        }
+    } catch (const zmq::error_t& e) {
+        fprintf(err, "ostpmc-ctl: cannot watch %s: %s\n", endpoint.c_str(), e.what());
+        return CTL_NO_ANSWER;
+    }
+    return CTL_OK;
+}
+
+}  // namespace
+
+int runCtl(const CtlRequest& request, FILE* out, FILE* err) {
+    zmq::context_t context;
+    if (request.command == CtlRequest::Command::Watch) {
+        return runWatch(request, context, out, err);
+    }
+
+    Json::Value payload;
+    if (request.command == CtlRequest::Command::Apply) {
+        std::string error;
+        if (!loadJsonFile(request.file, payload, error)) {
+            fprintf(err, "ostpmc-ctl: %s\n", error.c_str());
+            return CTL_USAGE;
+        }
+    }
+
+    CtlClient client(request.timeoutMs);
+    std::string host = request.host;
+    int rc = client.init(context, host);
+    if (rc < 0) {
+        return reportFailure(client, rc, err);
+    }
+
+    Json::Value reply;
+    Json::Value parameters = request.parameters;
+    switch (request.command) {
+        case CtlRequest::Command::Status:
+        case CtlRequest::Command::None:
+        case CtlRequest::Command::Help:
+        case CtlRequest::Command::Watch:
+            rc = client.getPtp(reply);
+            break;
+        case CtlRequest::Command::Stats:
+            rc = client.getPtpStats(reply);
+            break;
+        case CtlRequest::Command::Config:
+            rc = client.getPtpRunningConfig(reply);
+            break;
+        case CtlRequest::Command::Debug:
+            rc = client.getInternalDebugInfo(reply);
+            break;
+        case CtlRequest::Command::Set:
+            rc = client.setPtpParameter(parameters, reply);
+            break;
+        case CtlRequest::Command::Apply:
+            rc = client.setPtpRunningConfig(payload, reply);
+            break;
+    }
+    if (rc < 0) {
+        return reportFailure(client, rc, err);
+    }
+
+    if (request.json) {
+        Json::StreamWriterBuilder builder;
+        builder["indentation"] = "  ";
+        print(out, Json::writeString(builder, reply) + "\n");
+        return CTL_OK;
+    }
+    switch (request.command) {
+        case CtlRequest::Command::Stats:
+            print(out, CtlFormat::stats(reply["ptp-stats"]));
+            break;
+        case CtlRequest::Command::Config:
+            print(out, CtlFormat::config(reply["ptp"]));
+            break;
+        case CtlRequest::Command::Debug:
+            print(out, "status:\n" + CtlFormat::status(reply["status"]) +
+                           "running configuration:\n" + CtlFormat::config(reply["running-cfg"]));
+            break;
+        case CtlRequest::Command::Set:
+        case CtlRequest::Command::Apply:
+            print(out, "ok\n");
+            break;
+        default:
+            print(out, CtlFormat::status(reply));
+            break;
+    }
+    return CTL_OK;
+}
