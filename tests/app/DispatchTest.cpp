@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "IpcResult.h"
+#include "JsonText.h"
 #include "Logger.h"
 #include "OstPmcCommands.h"
 #include "OstPmcJsonClient.h"
@@ -36,13 +37,9 @@ class DaemonRequests : public ::testing::Test {
     std::unique_ptr<RunningDaemon> m_daemon;
 };
 
-const Json::Value& parsed(const char* text) {
-    static Json::Value value;
-    Json::CharReaderBuilder builder;
-    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-    std::string errors;
-    value = Json::Value();
-    reader->parse(text, text + strlen(text), &value, &errors);
+Json::Value parsed(const std::string& text) {
+    Json::Value value;
+    EXPECT_TRUE(JsonText::parse(text.data(), text.size(), value)) << text;
     return value;
 }
 

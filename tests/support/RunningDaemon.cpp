@@ -5,6 +5,28 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "OstPmcJsonClient.h"
+
+namespace {
+
+class ImpatientClient : public OstPmcJsonClient {
+  public:
+    explicit ImpatientClient(int timeoutMs) : m_timeout_ms(timeoutMs) {}
+    int getClientTimeout() override { return m_timeout_ms; }
+
+  private:
+    int m_timeout_ms;
+};
+
+}  // namespace
+
+bool daemonAnswers(int timeoutMs) {
+    zmq::context_t context;
+    ImpatientClient client(timeoutMs);
+    Json::Value reply;
+    return client.init(context) == 0 && client.getPtp(reply) == 0;
+}
+
 bool portAccepting(int port) {
     int fd = socket(AF_INET, SOCK_STREAM, 0);
     sockaddr_in addr{};

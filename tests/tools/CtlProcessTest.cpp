@@ -5,6 +5,7 @@
 #include <thread>
 
 #include "ChildProcess.h"
+#include "JsonText.h"
 #include "PublishJsonServer.h"
 #include "RunningDaemon.h"
 
@@ -31,10 +32,7 @@ bool has(const std::string& text, const std::string& part) {
 
 Json::Value parse(const std::string& text) {
     Json::Value value;
-    Json::CharReaderBuilder builder;
-    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-    std::string errors;
-    EXPECT_TRUE(reader->parse(text.data(), text.data() + text.size(), &value, &errors)) << text;
+    EXPECT_TRUE(JsonText::parse(text.data(), text.size(), value)) << text;
     return value;
 }
 
