@@ -2,49 +2,34 @@
 
 // Small helpers shared by the tests that run the real ptp4l.
 
+#include <linux/capability.h>
 #include <sys/types.h>
-#include <unistd.h>
 
 #include <chrono>
-#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
 #include <string>
 #include <thread>
-#include <vector>
 
+#include "Ptp4lBed.h"
 #include "Subprocess.h"
 
 namespace live {
 
 inline std::string readFile(const std::string& path) {
-    std::string text;
-    if (FILE* f = std::fopen(path.c_str(), "r")) {
-        char buf[4096];
-        size_t n;
-        while ((n = std::fread(buf, 1, sizeof buf, f)) > 0) {
-            text.append(buf, n);
-        }
-        std::fclose(f);
-    }
-    return text;
-}
-
-// One line of /proc/<pid>/status, without its label ("" when absent).
-inline std::string statusField(pid_t pid, const std::string& field) {
-    std::string status = readFile("/proc/" + std::to_string(pid) + "/status");
-    size_t at = status.find("\n" + field + ":");
-    if (at == std::string::npos) {
-        return "";
-    }
-    size_t start = status.find_first_not_of(" \t", at + field.size() + 2);
-    return status.substr(start, status.find('\n', start) - start);
+    std::ostringstream text;
+    text << std::ifstream(path).rdbuf();
+    return text.str();
 }
 
 // Whether the process holds CAP_SYS_TIME in any of its effective, permitted or bounding sets.
 inline bool holdsSysTime(pid_t pid) {
-    constexpr int CAP_SYS_TIME_BIT = 25;
-    for (const char* field : {"CapEff", "CapPrm", "CapBnd"}) {
-        std::string hex = statusField(pid, field);
-        if (hex.empty() || ((std::stoull(hex, nullptr, 16) >> CAP_SYS_TIME_BIT) & 1)) {
+    const std::string status = readFile("/proc/" + std::to_string(pid) + "/status");
+    for (const char* field : {"\nCapEff:", "\nCapPrm:", "\nCapBnd:"}) {
+        size_t at = status.find(field);
+        if (at == std::string::npos ||
+            ((std::stoull(status.substr(at + 8), nullptr, 16) >> CAP_SYS_TIME) & 1)) {
             return true;
         }
     }
@@ -53,41 +38,15 @@ inline bool holdsSysTime(pid_t pid) {
 
 inline std::string commandName(pid_t pid) {
     std::string comm = readFile("/proc/" + std::to_string(pid) + "/comm");
-    return comm.empty() ? comm : comm.substr(0, comm.size() - 1);
+    return comm.substr(0, comm.find('\n'));
 }
 
-// The names of the network namespaces this machine has.
-inline std::vector<std::string> namespaces() {
-    std::vector<std::string> names;
-    std::string text = Subprocess::run({"ip", "netns", "list"}).output;
-    size_t pos = 0;
-    while (pos < text.size()) {
-        size_t end = text.find('\n', pos);
-        std::string line = text.substr(pos, end == std::string::npos ? end : end - pos);
-        if (!line.empty()) {
-            names.push_back(line.substr(0, line.find(' ')));
-        }
-        pos = end == std::string::npos ? text.size() : end + 1;
-    }
-    return names;
-}
-
-// The bed namespaces this process owns; other test processes may create and remove their
-// own at the same time.
-inline std::vector<std::string> ownNamespaces() {
-    const std::string prefix = "ostpmc-" + std::to_string(getpid()) + "-";
-    std::vector<std::string> own;
-    for (const std::string& ns : namespaces()) {
-        if (ns.rfind(prefix, 0) == 0) {
-            own.push_back(ns);
-        }
-    }
-    return own;
-}
-
-inline bool hasNamespace(const std::string& name) {
-    for (const std::string& ns : namespaces()) {
-        if (ns == name) {
+// Whether a network namespace whose name starts with prefix exists ("ip netns" keeps them
+// here). Other test processes create and remove namespaces of their own meanwhile.
+inline bool hasNamespace(const std::string& prefix) {
+    std::error_code ec;
+    for (const auto& entry : std::filesystem::directory_iterator("/var/run/netns", ec)) {
+        if (entry.path().filename().string().rfind(prefix, 0) == 0) {
             return true;
         }
     }
@@ -97,23 +56,47 @@ inline bool hasNamespace(const std::string& name) {
 // The namespace a process runs in, as "ip netns identify" names it.
 inline std::string namespaceOf(pid_t pid) {
     std::string out = Subprocess::run({"ip", "netns", "identify", std::to_string(pid)}).output;
-    while (!out.empty() && (out.back() == '\n' || out.back() == ' ')) {
-        out.pop_back();
-    }
-    return out;
+    return out.substr(0, out.find('\n'));
 }
 
-// Polls until cond holds or the deadline passes; the result is cond's last value.
+// Polls for up to five seconds until cond holds; the result is cond's last value.
 template <typename Cond>
-bool eventually(Cond cond, std::chrono::milliseconds timeout = std::chrono::seconds(5)) {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (!cond()) {
-        if (std::chrono::steady_clock::now() >= deadline) {
-            return cond();
-        }
+bool eventually(Cond cond) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    while (!cond() && std::chrono::steady_clock::now() < deadline) {
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
-    return true;
+    return cond();
+}
+
+// A root for the init script: the device's profile files with the AES profile active, and
+// settings that run ptp4l in the bed's slave namespace the way the bed runs its own.
+inline void makeInitRoot(const std::string& root, const Ptp4lBed& bed) {
+    namespace fs = std::filesystem;
+    fs::create_directories(root + "/etc/default");
+    fs::copy(OSTPMC_ROOTFS_DIR "/etc/ptp", root + "/etc/ptp",
+             fs::copy_options::recursive | fs::copy_options::overwrite_existing);
+    fs::copy_file(root + "/etc/ptp/ptpAesProfile.cfg", root + "/etc/ptp/ptpProfile.cfg",
+                  fs::copy_options::overwrite_existing);
+    std::string prefix;
+    for (const std::string& word : Ptp4lBed::guardedPrefix(bed.slaveNamespace())) {
+        prefix += word + " ";
+    }
+    std::ofstream(root + "/etc/default/ptp4ld")
+        << "PTP4L_INTERFACES=\"" << bed.slaveInterface() << "\"\nPTP4L_PREFIX=\"" << prefix
+        << "\"\nPTP4L_OPTIONS=\"--time_stamping=software -m -q\"\nPTP4L_LOG=\"" << root
+        << "/ptp4l.log\"\n";
+}
+
+inline Subprocess::Result initScript(const std::string& root, const std::string& action) {
+    return Subprocess::run({OSTPMC_ROOTFS_DIR "/etc/S60ptp4ld", action},
+                           {"OSTPMC_SYSROOT=" + root});
+}
+
+// The pid the init script recorded, 0 without one.
+inline pid_t initScriptPid(const std::string& root) {
+    const std::string text = readFile(root + "/var/run/ptp4l.pid");
+    return text.empty() ? 0 : std::stoi(text);
 }
 
 }  // namespace live
