@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
+#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -10,36 +11,33 @@
 #include "PollFds.h"
 
 // A scratch directory removed with everything in it at the end of the test.
-class TempDir {
-  public:
-    TempDir() {
-        std::string pattern = (std::filesystem::temp_directory_path() / "ostpmc-XXXXXX").string();
-        if (mkdtemp(pattern.data())) {
-            m_path = pattern;
-        }
-        EXPECT_FALSE(m_path.empty());
-    }
+struct TempDir {
+    std::string path = (std::filesystem::temp_directory_path() / "ostpmc-XXXXXX").string();
+    TempDir() { EXPECT_NE(mkdtemp(path.data()), nullptr); }
     ~TempDir() {
         std::error_code ignored;
-        std::filesystem::remove_all(m_path, ignored);
+        std::filesystem::remove_all(path, ignored);
     }
-    TempDir(const TempDir&) = delete;
-    TempDir& operator=(const TempDir&) = delete;
-
-    const std::string& path() const { return m_path; }
-    std::string file(const std::string& name) const { return m_path + "/" + name; }
-
-  private:
-    std::string m_path;
+    std::string file(const std::string& name) const { return path + "/" + name; }
 };
 
 inline void writeFile(const std::string& path, const std::string& text) {
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << text;
-    ASSERT_TRUE(out.good()) << path;
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
 }
 
-// One bounded wait on the list; the number of ready items (0 on time-out).
-inline int pollOnce(PollFds& fds, long timeoutMs) {
-    return zmq_poll(fds.getPollList(), fds.getPollListSize(), timeoutMs);
+// Waits (bounded) on the list and hands each ready item to handle until the sum of what handle
+// returned is non-zero; that sum (0 on time-out).
+template <typename Handle>
+int handleReady(PollFds& fds, long timeoutMs, Handle handle) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    int sum = 0;
+    while (sum == 0 && std::chrono::steady_clock::now() < deadline) {
+        zmq_poll(fds.getPollList(), fds.getPollListSize(), 100);
+        for (int i = 0; i < fds.getPollListSize(); ++i) {
+            if (fds.getPollList()[i].revents != 0) {
+                sum += handle(fds.getPollList()[i]);
+            }
+        }
+    }
+    return sum;
 }
