@@ -16,26 +16,6 @@ bool parse(std::vector<std::string> words, CtlRequest& request, std::string& err
 
 }  // namespace
 
-TEST(CtlCommandLine, CommandsAndOptions) {
-    CtlRequest r;
-    std::string error;
-    ASSERT_TRUE(parse({"--host", "127.0.0.9", "-t", "1500", "--json", "status"}, r, error));
-    EXPECT_EQ(CtlRequest::Command::Status, r.command);
-    EXPECT_EQ("127.0.0.9", r.host);
-    EXPECT_EQ(1500, r.timeoutMs);
-    EXPECT_TRUE(r.json);
-
-    CtlRequest w;
-    ASSERT_TRUE(parse({"watch", "1001", "-n", "2"}, w, error)) << error;
-    EXPECT_EQ(CtlRequest::Command::Watch, w.command);
-    EXPECT_EQ(std::vector<std::string>{"1001"}, w.topics);
-    EXPECT_EQ(2, w.count);
-
-    CtlRequest a;
-    ASSERT_TRUE(parse({"apply", "cfg.json"}, a, error));
-    EXPECT_EQ("cfg.json", a.file);
-}
-
 TEST(CtlCommandLine, MistakesAreNamed) {
     const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
         {{}, "no command given"},
@@ -104,15 +84,6 @@ TEST(CtlFormat, ReadableTextShowsWhatIsThereAndMarksWhatIsNot) {
     EXPECT_NE(std::string::npos, cfgText.find("slave only            not set"));
     EXPECT_NE(std::string::npos, cfgText.find("config file           profile default"));
 
-    Json::Value notification;
-    notification["action"] = 2;
-    notification["gmid"] = "00-11-22-ff-fe-33-44-55";
-    notification["domain"] = 0;
-    notification["ptp-state"] = "slave-stable";
-    EXPECT_EQ(
-        "[1000] state slave-stable  action resume-all  grandmaster 00-11-22-ff-fe-33-44-55"
-        "  domain 0\n",
-        CtlFormat::publication("1000", notification));
     // Wrongly typed or unknown content still prints.
     Json::Value odd;
     odd["action"] = "loud";
