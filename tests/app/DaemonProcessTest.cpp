@@ -179,7 +179,7 @@ TEST(DaemonDetach, DetachesIntoItsOwnSessionAndKeepsServing) {
     const pid_t daemonPid = std::stoi(match[1]);
     EXPECT_NE(parent.pid(), daemonPid);
     EXPECT_EQ(daemonPid, getsid(daemonPid));  // session leader, no terminal
-    EXPECT_TRUE(portAccepting(5573));
+    EXPECT_TRUE(daemonAnswers(5000));
 
     ASSERT_EQ(0, kill(daemonPid, SIGTERM));
     int status = -1;

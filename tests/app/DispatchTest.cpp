@@ -3,7 +3,6 @@
 
 #include <cstring>
 #include <regex>
-#include <thread>
 
 #include "IpcResult.h"
 #include "JsonText.h"
@@ -163,26 +162,4 @@ TEST(ClientAddress, HostIsReplacedPortStays) {
     std::string host = "127.0.0.5";
     ASSERT_EQ(0, client.init(context, host));
     EXPECT_EQ("tcp://127.0.0.5:5573", client.getIpcConnectAddress());
-}
-
-TEST(ClientResults, PositiveResultIsSuccessAndDataIsDelivered) {
-    // A stand-in server on the daemon's port that answers every request with result 3.
-    zmq::context_t context;
-    zmq::socket_t server(context, zmq::socket_type::rep);
-    server.set(zmq::sockopt::linger, 0);
-    server.bind("tcp://127.0.0.1:5573");
-    std::thread answer([&] {
-        zmq::message_t request;
-        if (server.recv(request)) {
-            const std::string reply =
-                R"({"result": 3, "resultText": "OK", "data": {"ptp": {"profile": "GPTP:L2"}}})";
-            server.send(zmq::buffer(reply));
-        }
-    });
-    OstPmcJsonClient client;
-    ASSERT_EQ(0, client.init(context));
-    Json::Value reply;
-    EXPECT_EQ(0, client.getPtpRunningConfig(reply));
-    answer.join();
-    EXPECT_EQ("GPTP:L2", reply["ptp"]["profile"].asString());
 }

@@ -10,8 +10,6 @@
 
 #include "TestSysRoot.h"
 
-extern char** environ;
-
 ChildProcess::ChildProcess(const std::string& program, const std::vector<std::string>& args,
                            const std::vector<std::string>& extraEnv, const std::string& outputDir) {
     static int serial = 0;
@@ -26,15 +24,6 @@ ChildProcess::ChildProcess(const std::string& program, const std::vector<std::st
         argv.push_back(&a[0]);
     }
     argv.push_back(nullptr);
-    std::vector<std::string> envStore(extraEnv);
-    for (char** e = environ; *e; ++e) {
-        envStore.emplace_back(*e);
-    }
-    std::vector<char*> envp;
-    for (std::string& e : envStore) {
-        envp.push_back(&e[0]);
-    }
-    envp.push_back(nullptr);
 
     m_pid = fork();
     if (m_pid < 0) {
@@ -47,7 +36,10 @@ ChildProcess::ChildProcess(const std::string& program, const std::vector<std::st
         dup2(in, 0);
         dup2(out, 1);
         dup2(err, 2);
-        execve(program.c_str(), argv.data(), envp.data());
+        for (const std::string& entry : extraEnv) {
+            putenv(const_cast<char*>(entry.c_str()));
+        }
+        execv(program.c_str(), argv.data());
         _exit(127);
     }
 }

@@ -1,9 +1,6 @@
 #include "RunningDaemon.h"
 
-#include <netinet/in.h>
 #include <signal.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include "OstPmcJsonClient.h"
 
@@ -25,17 +22,6 @@ bool daemonAnswers(int timeoutMs) {
     ImpatientClient client(timeoutMs);
     Json::Value reply;
     return client.init(context) == 0 && client.getPtp(reply) == 0;
-}
-
-bool portAccepting(int port) {
-    int fd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_port = htons(static_cast<uint16_t>(port));
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    bool ok = connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0;
-    close(fd);
-    return ok;
 }
 
 RunningDaemon::RunningDaemon(int boardModel, std::vector<std::string> args) : m_root(boardModel) {

@@ -7,9 +7,6 @@
 #include "ChildProcess.h"
 #include "TestSysRoot.h"
 
-// True when something accepts TCP connections on 127.0.0.1:port.
-bool portAccepting(int port);
-
 // True when a daemon on the fixed request port answers a status request within timeoutMs:
 // it is then past its start-up and serving from its main loop.
 bool daemonAnswers(int timeoutMs);

@@ -48,7 +48,6 @@ TEST(CtlWithoutDaemon, HelpUsageAndNoAnswer) {
     EXPECT_TRUE(has(bad.err, "ostpmc-ctl: unknown command 'statuss'"));
 
     // Nothing listens: a clear message within the time-out, not a hang.
-    ASSERT_FALSE(portAccepting(5573)) << "a daemon is running on this machine";
     CtlRun none = runCtl({"--timeout", "500", "status"});
     EXPECT_EQ(3, none.exitCode);
     EXPECT_EQ(
