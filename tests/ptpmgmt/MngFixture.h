@@ -22,17 +22,13 @@ class MngFixture : public ::testing::Test {
     // The n-th request (0-based) must be this MANAGEMENT message; its sequenceId is not compared.
     void expectRequest(size_t n, uint8_t action, uint16_t id, const Bytes& data,
                        uint16_t targetPort = 0xFFFF, uint8_t domain = 0, uint8_t byte0 = 0x0D) {
-        ASSERT_LT(n, peer.requests().size());
-        Bytes req = peer.requests()[n];
-        ASSERT_GE(req.size(), 32u);
-        req[30] = req[31] = 0;
+        Bytes req = peer.requests().at(n);
+        req.at(30) = req.at(31) = 0;
         EXPECT_EQ(req, mgmtMessage(action, mgmtTlv(id, data), targetPort, domain, byte0))
             << "request " << n << " id " << std::hex << id;
     }
 
     using Texts = std::vector<std::string>;
-
-    // The ERR lines logged so far.
     Texts errors() const {
         Texts texts;
         for (const LogCapture::Line& line : log.lines()) {
@@ -43,7 +39,8 @@ class MngFixture : public ::testing::Test {
         return texts;
     }
 
-    int sequenceId(size_t n) { return peer.requests().at(n).at(30) << 8 | peer.requests()[n][31]; }
+    // Message records taken from the pool and not given back.
+    static int inUse() { return msg_pool_stats().allocated - msg_pool_stats().pooled; }
 
     LogCapture log;
     ScriptedPeer peer;
