@@ -5,6 +5,7 @@
 #include <linux/capability.h>
 #include <sys/types.h>
 
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
@@ -23,22 +24,21 @@ inline std::string readFile(const std::string& path) {
     return text.str();
 }
 
-// Whether the process holds CAP_SYS_TIME in any of its effective, permitted or bounding sets.
-inline bool holdsSysTime(pid_t pid) {
-    const std::string status = readFile("/proc/" + std::to_string(pid) + "/status");
+// "<command> in <namespace>", plus " with CAP_SYS_TIME" when the process holds it in any of
+// its effective, permitted or bounding sets.
+inline std::string describe(pid_t pid) {
+    const std::string id = std::to_string(pid), status = readFile("/proc/" + id + "/status");
+    std::string text = readFile("/proc/" + id + "/comm") + " in " +
+                       Subprocess::run({"ip", "netns", "identify", id}).output;
+    text.erase(std::remove(text.begin(), text.end(), '\n'), text.end());
     for (const char* field : {"\nCapEff:", "\nCapPrm:", "\nCapBnd:"}) {
-        size_t at = status.find(field);
+        const size_t at = status.find(field);
         if (at == std::string::npos ||
             ((std::stoull(status.substr(at + 8), nullptr, 16) >> CAP_SYS_TIME) & 1)) {
-            return true;
+            return text + " with CAP_SYS_TIME";
         }
     }
-    return false;
-}
-
-inline std::string commandName(pid_t pid) {
-    std::string comm = readFile("/proc/" + std::to_string(pid) + "/comm");
-    return comm.substr(0, comm.find('\n'));
+    return text;
 }
 
 // Whether a network namespace whose name starts with prefix exists ("ip netns" keeps them
@@ -51,12 +51,6 @@ inline bool hasNamespace(const std::string& prefix) {
         }
     }
     return false;
-}
-
-// The namespace a process runs in, as "ip netns identify" names it.
-inline std::string namespaceOf(pid_t pid) {
-    std::string out = Subprocess::run({"ip", "netns", "identify", std::to_string(pid)}).output;
-    return out.substr(0, out.find('\n'));
 }
 
 // Polls for up to five seconds until cond holds; the result is cond's last value.
