@@ -120,6 +120,17 @@ cmd_cleanup() {
             remove_namespace "$ns"
         fi
     done
+    # Directories that Ptp4lBed made for beds of dead owners (a killed test never took
+    # them down): their sockets, configurations and logs go too.
+    for dir in /tmp/ostpmc-bed-*; do
+        [ -f "$dir/bed.env" ] || continue
+        owner=$(sed -n 's/^OWNER=//p' "$dir/bed.env")
+        is_number "$owner" || continue
+        if ! pid_alive "$owner"; then
+            say "removing stale bed directory $dir (owner $owner is gone)"
+            rm -rf "$dir"
+        fi
+    done
 }
 
 write_config() {
