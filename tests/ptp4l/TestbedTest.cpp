@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include "HostClockWatch.h"
@@ -59,18 +60,25 @@ TEST(Ptp4lBedLife, SlaveLocksWithoutTouchingTheHostAndLeavesNothingBehind) {
 }
 
 TEST(Ptp4lBedLife, StartRemovesLeftoversOfDeadOwnersOnly) {
-    // A bed whose owner is gone, as a crashed test process leaves it.
-    const std::string deadPid =
-        std::to_string(std::stoi(Subprocess::run({"sh", "-c", "echo $$"}).output));
+    // A bed whose owner is gone, as a crashed test process leaves it. The owner lives until
+    // the bed is up: a bed of a dead owner may be removed by any concurrent start.
+    const pid_t owner = fork();
+    ASSERT_LE(0, owner);
+    if (owner == 0) {
+        pause();
+        _exit(0);
+    }
+    const std::string deadPid = std::to_string(owner);
     char dirTemplate[] = "/tmp/ostpmc-stale-XXXXXX";
     ASSERT_NE(nullptr, mkdtemp(dirTemplate));
     const std::string staleDir = dirTemplate;
     Subprocess::Result stale =
         Subprocess::run({Ptp4lBed::scriptPath(), "up", staleDir, "--guard",
                          Ptp4lBed::clockGuardPath(), "--owner", deadPid, "--no-slave"});
+    kill(owner, SIGKILL);
+    waitpid(owner, nullptr, 0);
     ASSERT_EQ(0, stale.exitCode) << stale.output;
     const pid_t staleGm = std::stoi(live::readFile(staleDir + "/gm.pid"));
-    ASSERT_TRUE(Ptp4lBed::processAlive(staleGm));
 
     Ptp4lBed mine;
     ASSERT_TRUE(mine.up()) << mine.error();
