@@ -69,16 +69,17 @@ TEST(Ptp4lBedLife, StartRemovesLeftoversOfDeadOwnersOnly) {
         _exit(0);
     }
     const std::string deadPid = std::to_string(owner);
-    char dirTemplate[] = "/tmp/ostpmc-stale-XXXXXX";
+    char dirTemplate[] = "/tmp/ostpmc-bed-stale-XXXXXX";
     ASSERT_NE(nullptr, mkdtemp(dirTemplate));
     const std::string staleDir = dirTemplate;
     Subprocess::Result stale =
         Subprocess::run({Ptp4lBed::scriptPath(), "up", staleDir, "--guard",
                          Ptp4lBed::clockGuardPath(), "--owner", deadPid, "--no-slave"});
+    const std::string staleGmPid = live::readFile(staleDir + "/gm.pid");
     kill(owner, SIGKILL);
     waitpid(owner, nullptr, 0);
     ASSERT_EQ(0, stale.exitCode) << stale.output;
-    const pid_t staleGm = std::stoi(live::readFile(staleDir + "/gm.pid"));
+    const pid_t staleGm = std::stoi(staleGmPid);
 
     Ptp4lBed mine;
     ASSERT_TRUE(mine.up()) << mine.error();
@@ -90,6 +91,7 @@ TEST(Ptp4lBedLife, StartRemovesLeftoversOfDeadOwnersOnly) {
     EXPECT_TRUE(live::hasNamespace(mine.gmNamespace()));
     EXPECT_TRUE(Ptp4lBed::processAlive(mine.gmPid()));
     EXPECT_NE(mine.gmNamespace(), second.gmNamespace());
+    EXPECT_FALSE(fs::exists(staleDir)) << "its sockets, configurations and logs go too";
     fs::remove_all(staleDir);
 }
 
