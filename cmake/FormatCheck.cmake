@@ -7,6 +7,8 @@ if(CLANG_FORMAT_EXECUTABLE)
     ${PROJECT_SOURCE_DIR}/client/*.cpp ${PROJECT_SOURCE_DIR}/client/*.h
     ${PROJECT_SOURCE_DIR}/records/*.cpp ${PROJECT_SOURCE_DIR}/records/*.h
     ${PROJECT_SOURCE_DIR}/ptpmgmt/*.cpp ${PROJECT_SOURCE_DIR}/ptpmgmt/*.h
+    ${PROJECT_SOURCE_DIR}/control/*.cpp ${PROJECT_SOURCE_DIR}/control/*.h
+    ${PROJECT_SOURCE_DIR}/monitor/*.cpp ${PROJECT_SOURCE_DIR}/monitor/*.h
     ${PROJECT_SOURCE_DIR}/platform/*.cpp ${PROJECT_SOURCE_DIR}/platform/*.h
     ${PROJECT_SOURCE_DIR}/tools/*.cpp ${PROJECT_SOURCE_DIR}/tools/*.h
     ${PROJECT_SOURCE_DIR}/testbed/*.cpp ${PROJECT_SOURCE_DIR}/testbed/*.h
