@@ -1,5 +1,7 @@
 #include "ptp4lMng.h"
 
+#include <sys/socket.h>
+
 #include <cerrno>
 #include <cstring>
 
@@ -205,14 +207,18 @@ const QueryTexts STATS_TEXTS = {
 // ---------------------------------------------------------------------------------------------
 // Construction
 
+// The socket is close-on-exec: ptp4l and the init script are started by system() and must not
+// inherit it for their whole life.
 ptp4lMng::ptp4lMng(bool avbMode)
-    : udsClient(SysRoot::path("/var/run/ptp4l"), 0), m_ipc_domain(0), m_avb_mode(avbMode) {
+    : udsClient(SysRoot::path("/var/run/ptp4l"), SOCK_CLOEXEC),
+      m_ipc_domain(0),
+      m_avb_mode(avbMode) {
     Logger::log(Logger::INF, "Creating ptp4l management interface in %s mode",
                 avbMode ? "AVB" : "non-AVB");
 }
 
 ptp4lMng::ptp4lMng(std::string serverPath)
-    : udsClient(std::move(serverPath), 0), m_ipc_domain(0), m_avb_mode(false) {}
+    : udsClient(std::move(serverPath), SOCK_CLOEXEC), m_ipc_domain(0), m_avb_mode(false) {}
 
 ptp4lMng::~ptp4lMng() = default;
 
@@ -616,7 +622,9 @@ int ptp4lMng::set_parameter(unsigned int managementId, unsigned char value, int 
     const uint16_t echoed = get16(reply->data + mgmt::TLV_DATA);
     if (echoed != value) {
         Logger::log(Logger::ERR, "ptp4lMng:: Error setting parameter %x %x", echoed, value);
-        // Deliberately not released back to the pool.
+        // Released too: ptp4l refuses some SETs for good, and the reconciliation repeats them
+        // every second.
+        msg_put(reply);
         return -1;
     }
     msg_put(reply);
