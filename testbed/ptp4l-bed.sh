@@ -22,6 +22,8 @@
 #   --extra LINE         a [global] line for both instances (repeatable)
 #   --gm-extra LINE      a [global] line for the grandmaster only (repeatable)
 #   --slave-extra LINE   a [global] line for the slave only (repeatable)
+#                        (--gm-extra and --slave-extra lines come last: a line "[gm0]" or
+#                        "[sl0]" starts that interface's own section for the lines after it)
 #
 # Files under DIR: bed.env (names for down/status and for callers), gm.cfg, sl.cfg, gm.pid,
 # sl.pid, gm.log, sl.log and the management sockets gm.sock, sl.sock.
