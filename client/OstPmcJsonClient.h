@@ -30,7 +30,8 @@ class OstPmcJsonClient : public ClientJsonApi {
     int getInternalDebugInfo(Json::Value& reply);
 
   private:
-    int request(IpcMsg& msg, Json::Value& reply, const char* function);
+    // The CHK line of a failure names the calling method and its own check number.
+    int request(IpcMsg& msg, Json::Value& reply, const char* function, int check);
 
     IpcAddress m_ipc_address;
 };

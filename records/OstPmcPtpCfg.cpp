@@ -22,14 +22,11 @@ void OstPmcPtpCfg::Serialize(Json::Value& out) const {
     out["cfgFilePath"] = m_cfg_path;
     out["slaveOnly"] = Json::Int(slaveOnly);
     if (!ports.empty()) {
-        Json::Value list(Json::arrayValue);
-        for (const OstPmcPtpPortCfg& port : ports) {
-            // An entry with nothing set is still an entry: {} rather than null.
-            Json::Value entry(Json::objectValue);
-            port.Serialize(entry);
-            list.append(entry);
+        Json::Value& list = out["port"];
+        // Element i is what entry i writes: an entry with nothing set leaves it null.
+        for (Json::ArrayIndex i = 0; i < ports.size(); ++i) {
+            ports[i].Serialize(list[i]);
         }
-        out["port"] = list;
     }
 }
 

@@ -86,8 +86,8 @@ TEST(OstPmcPtpCfg, SerialisesSetValuesOnlyAndRoundTrips) {
         {R"({"domainNumber": 255, "priority1": 511, "priority2": 2})", R"({"priority2": 2})"},
         {R"({"port": [{"syncInterval": 255}]})", R"({"port": [{"syncInterval": -1}]})"},
         {R"({"port": [{"syncInterval": 256}]})", R"({"port": [{"syncInterval": 0}]})"},
-        {R"({"port": [{"announceInterval": 383}]})", R"({"port": [{}]})"},
-        {R"({"port": [{"port": -129, "announceReceiptTimeout": 127}]})", R"({"port": [{}]})"},
+        {R"({"port": [{"announceInterval": 383}]})", R"({"port": [null]})"},
+        {R"({"port": [{"port": -129, "announceReceiptTimeout": 127}]})", R"({"port": [null]})"},
         {R"({"slaveOnly": true})", R"({"slaveOnly": 1})"},
     };
     for (const auto& [json, written] : narrowed) {
@@ -106,8 +106,8 @@ TEST(OstPmcPtpCfg, PortEntriesAreAppendedUnknownProfileKeptWrongTypesThrow) {
     cfg.Deserialize(in);
     EXPECT_EQ(P::PROFILE_SMPTE_2059_2, cfg.profile.getProfile());
     EXPECT_EQ(5, cfg.priority1);
-    // An entry with nothing set still travels as an entry.
-    EXPECT_EQ(parse(R"([{"port": 1}, {"port": 2, "syncInterval": 1}, {"port": 3}, {}])"),
+    // An entry with nothing set still takes its place in the list, as null.
+    EXPECT_EQ(parse(R"([{"port": 1}, {"port": 2, "syncInterval": 1}, {"port": 3}, null])"),
               serialized(cfg)["port"]);
     // Reading adds a null "port" member to input without one.
     in = parse(R"({"domainNumber": 3})");
