@@ -6,14 +6,12 @@
 
 #include "Check.h"
 #include "Logger.h"
-#include "SysRoot.h"
 #include "SystemDefaultCfg.h"
 #include "ZmqUtils.h"
 #include "ptp4lMng.h"
 
 namespace {
 const char* const INIT_FUNCTION = "int OstPmcServer::init()";
-const char* const INIT_SCRIPT = "/etc/S60ptp4ld";
 }  // namespace
 
 OstPmcServer::OstPmcServer() {
@@ -26,16 +24,7 @@ OstPmcServer::~OstPmcServer() {
     m_ptp4l_mng = nullptr;
 
     // On EGRET ptp4l is not ours to stop.
-    if (SystemDefaultCfg::getInstance()->getBoardModel().getType() != EGRET) {
-        Logger::log(Logger::NTF, "OSTPMC:: Stopping ptp4l");
-        std::string command = SysRoot::path(INIT_SCRIPT) + " stop";
-        // Any result below 1 is reported, a clean exit of the script included: every
-        // init-script run of the daemon is judged this way.
-        if (system(command.c_str()) <= 0) {
-            Logger::log(Logger::ERR, "%s: system call failed",
-                        "virtual OstPmcServer::~OstPmcServer()");
-        }
-    }
+    m_ptp4l_service.stop(SystemDefaultCfg::getInstance()->getBoardModel());
 
     if (m_ipc_socket->handle() != nullptr) {
         m_ipc_socket->close();
@@ -48,6 +37,10 @@ int OstPmcServer::init() {
     m_ptp4l_mng = new ptp4lMng(false);
 
     zmq::context_t& context = ZmqUtils::getInstance()->getContext();
+    int rc = m_publisher.init(context);
+    if (rc < 0) {
+        return logCheck(INIT_FUNCTION, __LINE__, rc);
+    }
     try {
         m_ipc_socket = new zmq::socket_t(context, zmq::socket_type::rep);
         configureServerSocket(*m_ipc_socket);
@@ -58,7 +51,7 @@ int OstPmcServer::init() {
         return -35;
     }
 
-    int rc = m_poll_fds.addSocket(m_ipc_socket->handle(), ZMQ_POLLIN);
+    rc = m_poll_fds.addSocket(m_ipc_socket->handle(), ZMQ_POLLIN);
     if (rc < 0) {
         return logCheck(INIT_FUNCTION, __LINE__, rc);
     }
@@ -67,6 +60,12 @@ int OstPmcServer::init() {
         return logCheck(INIT_FUNCTION, __LINE__, rc);
     }
     rc = SystemDefaultCfg::getInstance()->initSubscribers(m_poll_fds);
+    if (rc < 0) {
+        return logCheck(INIT_FUNCTION, __LINE__, rc);
+    }
+    float threshold = 0.0f;
+    SystemDefaultCfg::getInstance()->getClockOffsetFromMasterThreshold(threshold);
+    rc = m_ptp_status_fsm.setStabilityThreshold(threshold);
     if (rc < 0) {
         return logCheck(INIT_FUNCTION, __LINE__, rc);
     }
@@ -97,6 +96,8 @@ int OstPmcServer::mainLoop() {
                 Logger::log(Logger::NTF, "OSTPMC: Signal handler detected event");
             } else if (item.socket != nullptr && item.socket == m_ipc_socket->handle()) {
                 ipcPreProcessMsg(m_ipc_socket);
+            } else if (item.socket == nullptr && m_timer.processTimerFd(item)) {
+                monitorPTPStatus();
             } else {
                 SystemDefaultCfg::getInstance()->processEvent(item);
             }

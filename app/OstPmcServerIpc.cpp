@@ -20,13 +20,9 @@ int OstPmcServer::ipcProcessMsg(IpcMsg& msg, Json::Value& reply, bool& /*replyFl
             m_ptp_cfg.Serialize(reply["ptp"]);
             return 0;
         case OSTPMC_SET_PTP_PARAMETER:
-        case OSTPMC_SET_RUNNING_CFG: {
-            // Applying configuration is not part of this build yet: refuse, change nothing.
-            std::string name;
-            OstPmcCommands::getCommandNameStr(static_cast<ostpmc_msg_t>(code), name);
-            Logger::log(Logger::ERR, "OSTPMC:: %s is not supported by this build", name.c_str());
-            return IpcResult::ERROR_NOT_IMPLEMENTED;
-        }
+            return setPtpParameter(msg.getJsonData());
+        case OSTPMC_SET_RUNNING_CFG:
+            return setPtpRunningCfg(msg.getJsonData());
         case OSTPMC_GET_PTP_STATS:
             if (!boardHasStats()) {
                 return IpcResult::ERROR_NOT_AVAILABLE;
@@ -38,6 +34,7 @@ int OstPmcServer::ipcProcessMsg(IpcMsg& msg, Json::Value& reply, bool& /*replyFl
             Logger::log(Logger::VERBOSE, "Response to show ptp...");
             m_ptp_common_info.Serialize(status);
             m_ptp_cfg.Serialize(reply["running-cfg"]);
+            serializeMonitor(reply["monitor"]);
             return 0;
         }
         default:
@@ -70,6 +67,7 @@ int OstPmcServer::getInternalDebugInfo(Json::Value& out) {
     Logger::log(Logger::VERBOSE, "Response to show ptp...");
     m_ptp_common_info.Serialize(out["status"]);
     m_ptp_cfg.Serialize(out["running-cfg"]);
+    serializeMonitor(out["monitor"]);
     return 0;
 }
 

@@ -14,8 +14,6 @@ const char* text(int result) {
             return "ERROR_NOT_AVAILABLE_ON_THIS_BOARD";
         case ERROR_BIND:
             return "ERROR_BIND";
-        case ERROR_NOT_IMPLEMENTED:
-            return "ERROR_NOT_IMPLEMENTED";
         case ERROR_NOT_CONNECTED:
             return "ERROR_NOT_CONNECTED";
         case ERROR_TRANSPORT:

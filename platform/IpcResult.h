@@ -8,7 +8,6 @@ constexpr int ERROR_GENERIC = -1;
 constexpr int ERROR_INVALID_PARAM = -8;
 constexpr int ERROR_NOT_AVAILABLE = -29;
 constexpr int ERROR_BIND = -35;
-constexpr int ERROR_NOT_IMPLEMENTED = -38;
 // Client side: no usable reply.
 constexpr int ERROR_NOT_CONNECTED = -107;
 constexpr int ERROR_TRANSPORT = -5;

@@ -3,6 +3,7 @@
 
 #include <cstring>
 #include <regex>
+#include <set>
 
 #include "IpcResult.h"
 #include "JsonText.h"
@@ -113,26 +114,6 @@ TEST_F(DaemonRequests, StatisticsFollowTheBoardModelOfTheSystemDefaults) {
         [&] { return m_client.getPtpStats(reply) == IpcResult::ERROR_NOT_AVAILABLE; }, 5000));
 }
 
-TEST_F(DaemonRequests, SettersAreRefusedWithoutChangingTheConfiguration) {
-    start(0);
-    Json::Value before;
-    ASSERT_EQ(0, m_client.getPtpRunningConfig(before));
-
-    Json::Value params;
-    params["priority1"] = 100;
-    Json::Value cfg;
-    cfg["profile"] = "SMPTE:2059-2";
-    cfg["domainNumber"] = 127;
-    Json::Value reply;
-    EXPECT_EQ(IpcResult::ERROR_NOT_IMPLEMENTED, m_client.setPtpParameter(params, reply));
-    EXPECT_EQ(IpcResult::ERROR_NOT_IMPLEMENTED, m_client.setPtpRunningConfig(cfg, reply));
-
-    Json::Value after;
-    ASSERT_EQ(0, m_client.getPtpRunningConfig(after));
-    EXPECT_EQ(before, after);
-    EXPECT_EQ("", m_daemon->root().initScriptRuns());
-}
-
 TEST(CommandDescriptions, ServerAndClientShareOneTable) {
     OstPmcJsonClient client;
     const char* const names[] = {"GET PTP INFO",
@@ -162,4 +143,38 @@ TEST(ClientAddress, HostIsReplacedPortStays) {
     std::string host = "127.0.0.5";
     ASSERT_EQ(0, client.init(context, host));
     EXPECT_EQ("tcp://127.0.0.5:5573", client.getIpcConnectAddress());
+}
+
+// With nobody to answer, every method fails with a line of its own: its signature and its own
+// check number, so that an operator can tell which call failed.
+TEST(ClientFailures, EachMethodLogsItsOwnCheck) {
+    zmq::context_t context;
+    class QuickClient : public OstPmcJsonClient {
+        int getClientTimeout() override { return 50; }
+    } client;
+    std::string host = "127.0.0.9";
+    ASSERT_EQ(0, client.init(context, host));
+    Json::Value params(Json::objectValue), reply;
+    LogCapture log;
+    EXPECT_LT(client.getPtp(reply), 0);
+    EXPECT_LT(client.setPtpParameter(params, reply), 0);
+    EXPECT_LT(client.getPtpRunningConfig(reply), 0);
+    EXPECT_LT(client.setPtpRunningConfig(params, reply), 0);
+    EXPECT_LT(client.getPtpStats(reply), 0);
+    EXPECT_LT(client.getInternalDebugInfo(reply), 0);
+    const std::regex check(R"(CHK\(int OstPmcJsonClient::(\w+)\(.*\)\)::(\d+) Error Code -\d+)");
+    std::vector<std::string> methods;
+    std::set<std::string> numbers;
+    for (const LogCapture::Line& line : log.lines()) {
+        std::smatch m;
+        if (std::regex_match(line.text, m, check)) {
+            methods.push_back(m[1]);
+            numbers.insert(m[2]);
+        }
+    }
+    EXPECT_EQ(
+        (std::vector<std::string>{"getPtp", "setPtpParameter", "getPtpRunningConfig",
+                                  "setPtpRunningConfig", "getPtpStats", "getInternalDebugInfo"}),
+        methods);
+    EXPECT_EQ(6u, numbers.size());
 }

@@ -36,6 +36,8 @@ ChildProcess::ChildProcess(const std::string& program, const std::vector<std::st
         dup2(in, 0);
         dup2(out, 1);
         dup2(err, 2);
+        // Nothing of the test's own: a daemon must show only what it opened itself.
+        close_range(3, ~0U, 0);
         for (const std::string& entry : extraEnv) {
             putenv(const_cast<char*>(entry.c_str()));
         }

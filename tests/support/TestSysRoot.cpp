@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
@@ -13,6 +14,14 @@ namespace {
 
 int removeEntry(const char* path, const struct stat*, int, struct FTW*) {
     return remove(path);
+}
+
+std::string makeTempRoot() {
+    char pattern[] = "/tmp/ostpmc-root-XXXXXX";
+    if (!mkdtemp(pattern)) {
+        throw std::runtime_error("mkdtemp failed");
+    }
+    return pattern;
 }
 
 }  // namespace
@@ -29,16 +38,18 @@ void writeTextFile(const std::string& path, const std::string& text) {
     out << text;
 }
 
-TestSysRoot::TestSysRoot(int boardModel) {
-    char pattern[] = "/tmp/ostpmc-root-XXXXXX";
-    if (!mkdtemp(pattern)) {
-        throw std::runtime_error("mkdtemp failed");
-    }
-    m_path = pattern;
+TestSysRoot::TestSysRoot(int boardModel) : TestSysRoot(makeTempRoot(), boardModel) {}
+
+TestSysRoot::TestSysRoot(const std::string& path, int boardModel) : m_path(path) {
+    mkdir(m_path.c_str(), 0700);
     for (const char* dir : {"/etc", "/etc/ost", "/etc/ptp", "/var", "/var/run", "/dev"}) {
         mkdir((m_path + dir).c_str(), 0755);
     }
     writeSystemDefaults(boardModel);
+    // The profile files as they ship.
+    std::filesystem::copy(OSTPMC_ROOTFS_DIR "/etc/ptp", file("/etc/ptp"),
+                          std::filesystem::copy_options::recursive |
+                              std::filesystem::copy_options::overwrite_existing);
     const std::string script = file("/etc/S60ptp4ld");
     writeTextFile(script,
                   "#!/bin/sh\n"

@@ -2,11 +2,15 @@
 
 #include <string>
 
-// A throw-away device root for one test: etc/, etc/ost/, var/run/ and an init script that
-// only records how it was called (in initscript.log), so the daemon runs unmodified.
+// A throw-away device root for one test: etc/, etc/ost/, the shipped profile files in etc/ptp/,
+// var/run/, dev/ and an init script that only records how it was called (in initscript.log),
+// so the daemon runs unmodified.
 class TestSysRoot {
   public:
     explicit TestSysRoot(int boardModel = 0);
+    // The root at a path of the caller's choosing (created here, removed by the destructor),
+    // for a process whose OSTPMC_SYSROOT names it before anything resolves a device path.
+    TestSysRoot(const std::string& path, int boardModel);
     ~TestSysRoot();
     TestSysRoot(const TestSysRoot&) = delete;
     TestSysRoot& operator=(const TestSysRoot&) = delete;
