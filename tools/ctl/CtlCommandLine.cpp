@@ -48,11 +48,13 @@ const char* ctlUsage() {
            "  apply <file.json>      apply a whole running configuration from a JSON file\n"
            "  watch [topic...]       print publications as they arrive; topics 1000\n"
            "                         (state-machine notifications), 1001 (configuration)\n"
+           "  top                    live view, refreshed every second: state, grandmaster,\n"
+           "                         offset, ports and the last notifications\n"
            "\n"
            "options:\n"
            "  -H, --host <address>   daemon host (default 127.0.0.1)\n"
            "  -t, --timeout <ms>     reply time-out in milliseconds (watch: stop after it)\n"
-           "  -n, --count <n>        watch: stop after n publications\n"
+           "  -n, --count <n>        watch: stop after n publications; top: after n frames\n"
            "  -j, --json             print the raw JSON instead of readable text\n"
            "  -v, --verbose          also print the client library's log lines\n"
            "  -h, --help             this text\n"
@@ -167,7 +169,8 @@ bool parseCtlCommandLine(int argc, char** argv, CtlRequest& request, std::string
     static const Simple simple[] = {{"status", CtlRequest::Command::Status},
                                     {"stats", CtlRequest::Command::Stats},
                                     {"config", CtlRequest::Command::Config},
-                                    {"debug", CtlRequest::Command::Debug}};
+                                    {"debug", CtlRequest::Command::Debug},
+                                    {"top", CtlRequest::Command::Top}};
     for (const Simple& entry : simple) {
         if (command == entry.name) {
             if (!rest.empty()) {

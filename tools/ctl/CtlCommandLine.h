@@ -7,7 +7,7 @@
 
 // What an operator asked ostpmc-ctl to do.
 struct CtlRequest {
-    enum class Command { None, Help, Status, Stats, Config, Debug, Set, Apply, Watch };
+    enum class Command { None, Help, Status, Stats, Config, Debug, Set, Apply, Watch, Top };
 
     Command command = Command::None;
     std::string host = "127.0.0.1";
@@ -17,7 +17,7 @@ struct CtlRequest {
     Json::Value parameters{Json::objectValue};  // set
     std::string file;                           // apply
     std::vector<std::string> topics;            // watch; empty: every topic
-    int count = 0;                              // watch: stop after this many; 0: never
+    int count = 0;  // watch: stop after this many publications, top: frames; 0: never
 };
 
 // Exit statuses of ostpmc-ctl.

@@ -1,7 +1,9 @@
 #include "CtlFormat.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <sstream>
+#include <vector>
 
 namespace {
 
@@ -130,6 +132,79 @@ std::string config(const Json::Value& c) {
         }
     }
     return out.str();
+}
+
+bool hasReading(const Json::Value& monitor) {
+    return !monitor.isObject() || !monitor["lastGoodCycle"].isNull();
+}
+
+std::string health(const Json::Value& m) {
+    if (!m.isObject()) {
+        return "";
+    }
+    const std::string failed = text(m, "failedCyclesInARow") + " status cycles failed";
+    if (!hasReading(m)) {
+        return m["ptp4lStarted"].asBool()
+                   ? "no status read from ptp4l yet: ptp4l not answering (" + failed + ")\n"
+                   : "no status read from ptp4l yet: ptp4l not started (no configuration "
+                     "request so far)\n";
+    }
+    const std::string age = text(m, "secondsSinceLastGoodCycle") + " s";
+    if (m["lastCycleOk"].asBool()) {
+        return "ptp4l answering; status read " + age + " ago, state " + text(m, "ptp-state") + "\n";
+    }
+    return "ptp4l not answering for " + age + " (" + failed + "); the status below is " + age +
+           " old\n";
+}
+
+std::string top(const Json::Value& debug, const std::vector<std::string>& notifications) {
+    const Json::Value& s = debug["status"];
+    std::ostringstream out;
+    out << health(debug["monitor"]);
+    if (hasReading(debug["monitor"])) {
+        row(out, "state", text(debug["monitor"], "ptp-state"));
+        row(out, "grandmaster", text(s["grandMaster"], "id"));
+        row(out, "offset from master", text(s, "offsetFromMaster") + " ns");
+        const Json::Value& ports = s["port"];
+        for (Json::ArrayIndex i = 0; ports.isArray() && i < ports.size(); ++i) {
+            row(out, ("port " + text(ports[i], "portId")).c_str(), text(ports[i], "roleStatus"));
+        }
+    }
+    out << "last notifications:\n";
+    if (notifications.empty()) {
+        out << "  none yet\n";
+    }
+    for (const std::string& line : notifications) {
+        out << "  " << line;
+    }
+    return out.str();
+}
+
+std::string configChanges(const Json::Value& before, const Json::Value& after) {
+    auto rows = [](const Json::Value& c) {
+        std::vector<std::string> lines;
+        std::istringstream in(config(c));
+        for (std::string line; std::getline(in, line);) {
+            lines.push_back(line);
+        }
+        return lines;
+    };
+    const std::vector<std::string> was = rows(before), now = rows(after);
+    auto has = [](const std::vector<std::string>& lines, const std::string& line) {
+        return std::find(lines.begin(), lines.end(), line) != lines.end();
+    };
+    std::string changes;
+    for (const std::string& line : was) {
+        if (!has(now, line)) {
+            changes += "- " + line + "\n";
+        }
+    }
+    for (const std::string& line : now) {
+        if (!has(was, line)) {
+            changes += "+ " + line + "\n";
+        }
+    }
+    return changes;
 }
 
 std::string publication(const std::string& topic, const Json::Value& body) {

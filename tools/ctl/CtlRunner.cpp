@@ -1,9 +1,13 @@
 #include "CtlRunner.h"
 
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstring>
 #include <fstream>
 #include <sstream>
+#include <thread>
+#include <vector>
 #include <zmq.hpp>
 
 #include "CtlFormat.h"
@@ -56,6 +60,16 @@ bool loadJsonFile(const std::string& path, Json::Value& out, std::string& error)
         return false;
     }
     return true;
+}
+
+// What "config -j" and "debug -j" print holds the configuration under "ptp" or "running-cfg".
+Json::Value unwrapConfiguration(const Json::Value& file) {
+    for (const char* key : {"ptp", "running-cfg"}) {
+        if (file.size() == 1 && file[key].isObject()) {
+            return file[key];
+        }
+    }
+    return file;
 }
 
 void print(FILE* out, const std::string& text) {
@@ -117,6 +131,59 @@ int runWatch(const CtlRequest& request, zmq::context_t& context, FILE* out, FILE
     return CTL_OK;
 }
 
+// The last notifications of the state machine, as one line each.
+class NotificationLog {
+  public:
+    NotificationLog(zmq::context_t& context, const std::string& host)
+        : m_socket(context, zmq::socket_type::sub) {
+        m_socket.set(zmq::sockopt::linger, 0);
+        m_socket.set(zmq::sockopt::subscribe, "1000");
+        m_socket.connect("tcp://" + host + ":" + std::to_string(PUBLISH_PORT));
+    }
+    // Takes what arrived, keeping the newest few.
+    const std::vector<std::string>& poll() {
+        zmq::message_t topic, body;
+        while (m_socket.recv(topic, zmq::recv_flags::dontwait) && topic.more() &&
+               m_socket.recv(body, zmq::recv_flags::dontwait)) {
+            Json::Value json;
+            Json::CharReaderBuilder builder;
+            std::string errors;
+            std::istringstream in(body.to_string());
+            m_lines.push_back(Json::parseFromStream(builder, in, &json, &errors)
+                                  ? CtlFormat::publication(topic.to_string(), json)
+                                  : body.to_string() + "\n");
+            if (m_lines.size() > KEPT) {
+                m_lines.erase(m_lines.begin());
+            }
+        }
+        return m_lines;
+    }
+
+  private:
+    static constexpr size_t KEPT = 5;
+    zmq::socket_t m_socket;
+    std::vector<std::string> m_lines;
+};
+
+int runTop(const CtlRequest& request, CtlClient& client, zmq::context_t& context, FILE* out,
+           FILE* err) {
+    NotificationLog notifications(context, request.host);
+    const bool terminal = isatty(fileno(out));
+    for (int frame = 0; request.count == 0 || frame < request.count; ++frame) {
+        if (frame > 0) {
+            std::this_thread::sleep_for(std::chrono::seconds(1));
+        }
+        Json::Value reply;
+        const int rc = client.getInternalDebugInfo(reply);
+        if (rc < 0) {
+            return reportFailure(client, rc, err);
+        }
+        print(out, std::string(terminal ? "\033[H\033[2J" : "") +
+                       CtlFormat::top(reply, notifications.poll()) + (terminal ? "" : "\n"));
+    }
+    return CTL_OK;
+}
+
 }  // namespace
 
 int runCtl(const CtlRequest& request, FILE* out, FILE* err) {
@@ -132,6 +199,7 @@ int runCtl(const CtlRequest& request, FILE* out, FILE* err) {
             fprintf(err, "ostpmc-ctl: %s\n", error.c_str());
             return CTL_USAGE;
         }
+        payload = unwrapConfiguration(payload);
     }
 
     CtlClient client(request.timeoutMs);
@@ -141,13 +209,27 @@ int runCtl(const CtlRequest& request, FILE* out, FILE* err) {
         return reportFailure(client, rc, err);
     }
 
+    if (request.command == CtlRequest::Command::Top) {
+        return runTop(request, client, context, out, err);
+    }
     Json::Value reply;
     Json::Value parameters = request.parameters;
+    // A change is reported as the difference of the running configuration around it.
+    const bool changes = request.command == CtlRequest::Command::Set ||
+                         request.command == CtlRequest::Command::Apply;
+    Json::Value before;
+    if (changes && !request.json && (rc = client.getPtpRunningConfig(before)) < 0) {
+        return reportFailure(client, rc, err);
+    }
     switch (request.command) {
         case CtlRequest::Command::Status:
+            // The debug reply also tells whether the status is a reading at all.
+            rc = request.json ? client.getPtp(reply) : client.getInternalDebugInfo(reply);
+            break;
         case CtlRequest::Command::None:
         case CtlRequest::Command::Help:
         case CtlRequest::Command::Watch:
+        case CtlRequest::Command::Top:
             rc = client.getPtp(reply);
             break;
         case CtlRequest::Command::Stats:
@@ -188,8 +270,29 @@ int runCtl(const CtlRequest& request, FILE* out, FILE* err) {
                            "running configuration:\n" + CtlFormat::config(reply["running-cfg"]));
             break;
         case CtlRequest::Command::Set:
-        case CtlRequest::Command::Apply:
-            print(out, "ok\n");
+        case CtlRequest::Command::Apply: {
+            Json::Value after;
+            if ((rc = client.getPtpRunningConfig(after)) < 0) {
+                return reportFailure(client, rc, err);
+            }
+            const std::string changed = CtlFormat::configChanges(before["ptp"], after["ptp"]);
+            if (!changed.empty()) {
+                print(out, "applied; the running configuration changed:\n" + changed);
+            } else if (request.command == CtlRequest::Command::Apply) {
+                print(out,
+                      "nothing applied: this profile is already active and ptp4l runs (change "
+                      "single values with 'set')\n");
+            } else {
+                print(out, "applied; the running configuration is unchanged\n");
+            }
+            break;
+        }
+        case CtlRequest::Command::Status:
+            // Before the first reading the records hold defaults: they are not shown.
+            print(out,
+                  CtlFormat::health(reply["monitor"]) + (CtlFormat::hasReading(reply["monitor"])
+                                                             ? CtlFormat::status(reply["status"])
+                                                             : std::string()));
             break;
         default:
             print(out, CtlFormat::status(reply));
