@@ -6,7 +6,6 @@
 #include "Logger.h"
 #include "OstPmcPublisher.h"
 #include "PublishJsonServer.h"
-#include "ZmqUtils.h"
 
 namespace {
 
@@ -19,8 +18,10 @@ std::pair<std::string, std::string> receive(zmq::socket_t& sub) {
     return {topic.to_string(), body.to_string()};
 }
 
+// Each test has a context of its own, so that a publisher's port is free again when its test
+// ends.
 TEST(Publisher, TopicsAndBodiesOnTheFixedPort) {
-    zmq::context_t& context = ZmqUtils::getInstance()->getContext();
+    zmq::context_t context;
     OstPmcPublisher publisher;
     ASSERT_EQ(0, publisher.init(context));
 
@@ -55,7 +56,7 @@ TEST(Publisher, TopicsAndBodiesOnTheFixedPort) {
 }
 
 TEST(Publisher, TakenPortFailsInitAndLaterPublications) {
-    zmq::context_t& context = ZmqUtils::getInstance()->getContext();
+    zmq::context_t context;
     PublishJsonServer other(context);
     ASSERT_EQ(0, other.bindToAddress("tcp://127.0.0.1:5574"));
 
