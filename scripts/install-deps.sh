@@ -5,7 +5,7 @@ set -eu
 
 PACKAGES="g++ cmake ninja-build pkg-config libzmq3-dev cppzmq-dev libjsoncpp-dev \
 libgtest-dev libgmock-dev libbenchmark-dev linuxptp iproute2 util-linux \
-clang libclang-rt-14-dev clang-format"
+clang libclang-rt-14-dev clang-format fuse3 libfuse3-dev"
 
 missing=""
 for p in $PACKAGES; do
