@@ -115,6 +115,7 @@ TEST(DaemonStartup, RequestPortTakenFailsWithBindMessageAndStatus221) {
     ASSERT_TRUE(daemon.wait(10000));
     EXPECT_EQ(221, daemon.exitCode());  // -35 modulo 256
     const std::string err = daemon.stderrText();
+    ASSERT_NE(std::string::npos, err.find("Error binding on socket")) << err;
     EXPECT_NE(std::string::npos,
               err.find(" ERR OstPmcServer: Error binding on socket tcp://127.0.0.1:5573. "
                        "Error [98]::Address already in use"))
@@ -125,6 +126,24 @@ TEST(DaemonStartup, RequestPortTakenFailsWithBindMessageAndStatus221) {
     // A server that never started owns no ptp4l: nothing is stopped.
     EXPECT_EQ("", root.initScriptRuns());
     EXPECT_EQ(std::string::npos, err.find("Stopping ptp4l"));
+}
+
+// The publisher binds first: another service on the publish port stops the start with its code.
+TEST(DaemonStartup, PublishPortTakenFailsWithItsCode) {
+    PortHolder holder(5574);
+    ASSERT_TRUE(holder.ok()) << "127.0.0.1:5574 is already in use on this machine";
+    TestSysRoot root;
+    ChildProcess daemon(OSTPMC_BINARY, {}, rootEnv(root), root.path());
+    ASSERT_TRUE(daemon.wait(10000));
+    EXPECT_EQ(158, daemon.exitCode());  // -EADDRINUSE modulo 256
+    const std::string err = daemon.stderrText();
+    EXPECT_NE(std::string::npos,
+              err.find(" ERR CHK(int OstPmcPublisher::init(zmq::context_t&))::41 Error Code -98"))
+        << err;
+    EXPECT_TRUE(std::regex_search(
+        err, std::regex(R"( ERR CHK\(int OstPmcServer::init\(\)\)::\d+ Error Code -98)")))
+        << err;
+    EXPECT_EQ(std::string::npos, err.find("Error binding on socket"));
 }
 
 class DaemonStopSignal : public ::testing::TestWithParam<int> {};

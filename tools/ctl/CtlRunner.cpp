@@ -11,12 +11,11 @@
 #include <zmq.hpp>
 
 #include "CtlFormat.h"
+#include "IpcAddress.h"
 #include "IpcResult.h"
 #include "OstPmcJsonClient.h"
 
 namespace {
-
-constexpr unsigned int PUBLISH_PORT = 5574;
 
 class CtlClient : public OstPmcJsonClient {
   public:
@@ -78,7 +77,7 @@ void print(FILE* out, const std::string& text) {
 }
 
 int runWatch(const CtlRequest& request, zmq::context_t& context, FILE* out, FILE* err) {
-    std::string endpoint = "tcp://" + request.host + ":" + std::to_string(PUBLISH_PORT);
+    std::string endpoint = "tcp://" + request.host + ":" + std::to_string(IpcAddress::PUBLISH_PORT);
     try {
         zmq::socket_t sub(context, zmq::socket_type::sub);
         sub.set(zmq::sockopt::linger, 0);
@@ -138,7 +137,7 @@ class NotificationLog {
         : m_socket(context, zmq::socket_type::sub) {
         m_socket.set(zmq::sockopt::linger, 0);
         m_socket.set(zmq::sockopt::subscribe, "1000");
-        m_socket.connect("tcp://" + host + ":" + std::to_string(PUBLISH_PORT));
+        m_socket.connect("tcp://" + host + ":" + std::to_string(IpcAddress::PUBLISH_PORT));
     }
     // Takes what arrived, keeping the newest few.
     const std::vector<std::string>& poll() {
