@@ -7,7 +7,6 @@
 
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 
 #include "JsonText.h"
 #include "LiveSupport.h"
@@ -17,11 +16,8 @@ namespace {
 namespace fs = std::filesystem;
 constexpr int ANSWER_TIMEOUT_MS = 15000;  // a restart of ptp4l takes a few seconds
 
-bool parse(const std::string& text, Json::Value& out) {
-    Json::CharReaderBuilder builder;
-    std::string errors;
-    std::istringstream in(text);
-    return Json::parseFromStream(builder, in, &out, &errors);
+bool parse(const zmq::message_t& message, Json::Value& out) {
+    return JsonText::parse(message.data<char>(), message.size(), out);
 }
 
 }  // namespace
@@ -124,7 +120,7 @@ Json::Value LiveDevice::request(unsigned int code, const Json::Value& data) {
     zmq::message_t reply;
     Json::Value out;
     if (!m_client->send(zmq::buffer(JsonText::compact(envelope))) || !m_client->recv(reply) ||
-        !parse(reply.to_string(), out)) {
+        !parse(reply, out)) {
         return Json::Value();
     }
     return out;
@@ -136,7 +132,7 @@ std::vector<LiveDevice::Publication> LiveDevice::publications(int waitMs) {
     zmq::message_t topic, body;
     while (m_subscriber->recv(topic) && topic.more() && m_subscriber->recv(body)) {
         Json::Value json;
-        parse(body.to_string(), json);
+        parse(body, json);
         received.emplace_back(topic.to_string(), json);
         m_subscriber->set(zmq::sockopt::rcvtimeo, 0);
     }
