@@ -30,7 +30,9 @@ std::string OstPmcServerProbe::probeRoot() {
     return "/tmp/ostpmc-probe-" + std::to_string(getpid());
 }
 
-OstPmcServerProbe::OstPmcServerProbe(const Setup& setup) : m_root(probeRoot(), setup.board) {
+OstPmcServerProbe::OstPmcServerProbe(const Setup& setup)
+    : m_log(setup.captureLog ? std::make_unique<LogCapture>() : nullptr),
+      m_root(probeRoot(), setup.board) {
     if (SysRoot::prefix() != m_root.path()) {
         throw std::runtime_error("OSTPMC_SYSROOT must name " + m_root.path());
     }
@@ -40,7 +42,9 @@ OstPmcServerProbe::OstPmcServerProbe(const Setup& setup) : m_root(probeRoot(), s
     if (setup.clockDriver && !m_phc->start()) {
         throw std::runtime_error("clock-driver stand-in: " + m_phc->error());
     }
-    m_ptp4l = std::make_unique<FakePtp4l>(m_root.file("/var/run/ptp4l"), setup.model);
+    if (setup.fakePtp4l) {
+        m_ptp4l = std::make_unique<FakePtp4l>(m_root.file("/var/run/ptp4l"), setup.model);
+    }
     m_server = std::make_unique<OstPmcServer>();
     if (m_server->init() != 0) {
         throw std::runtime_error("the server did not start");
@@ -67,7 +71,9 @@ OstPmcServerProbe::OstPmcServerProbe(const Setup& setup) : m_root(probeRoot(), s
         throw std::runtime_error("no publication reached the probe");
     }
     m_subscriber->set(zmq::sockopt::rcvtimeo, ANSWER_TIMEOUT_MS);
-    m_log.clear();
+    if (m_log) {
+        m_log->clear();
+    }
 }
 
 OstPmcServerProbe::~OstPmcServerProbe() {
@@ -141,7 +147,7 @@ std::vector<std::string> OstPmcServerProbe::initScriptRuns() const {
 std::vector<std::string> OstPmcServerProbe::copyCommands() const {
     const std::string prefix = "OSTPMC Initializing ptp4l ... ";
     std::vector<std::string> commands;
-    for (const LogCapture::Line& line : m_log.lines()) {
+    for (const LogCapture::Line& line : m_log->lines()) {
         if (line.text.rfind(prefix, 0) == 0) {
             commands.push_back(line.text.substr(prefix.size()));
         }

@@ -20,6 +20,10 @@
 // answered on the caller's thread, and what it publishes is collected. The clock-driver
 // stand-in serves the root's /dev/ostphc unless told not to.
 //
+// A benchmark may leave out the fake, so that the socket path can lead to a real ptp4l, and
+// the log capture, which would otherwise keep every line (VERBOSE ones included) and grow
+// with every cycle.
+//
 // The server binds the fixed ports, so the test process runs in network namespaces of its own
 // (tests/support/private-net.sh), and OSTPMC_SYSROOT names probeRoot() before anything
 // resolves a device path (probe_main.cpp does both).
@@ -33,6 +37,8 @@ class OstPmcServerProbe {
         double threshold = 1500.0;  // ns, read by the server when it starts
         bool clockDriver = true;
         FakePtp4l::Model model;
+        bool fakePtp4l = true;   // false: ptp4l() must not be used
+        bool captureLog = true;  // false: log() must not be used
     };
 
     explicit OstPmcServerProbe(const Setup& setup);
@@ -45,7 +51,7 @@ class OstPmcServerProbe {
     FakePtp4l& ptp4l() { return *m_ptp4l; }
     PhcStandIn& phc() { return *m_phc; }
     TestSysRoot& root() { return m_root; }
-    LogCapture& log() { return m_log; }
+    LogCapture& log() { return *m_log; }
 
     // One request through the request socket; the reply envelope ("result", "resultText",
     // "data"), or null when none came.
@@ -80,7 +86,7 @@ class OstPmcServerProbe {
   private:
     bool readToMarker(std::vector<Publication>& received);
 
-    LogCapture m_log;
+    std::unique_ptr<LogCapture> m_log;  // first: it sees what the members below log
     TestSysRoot m_root;
     std::unique_ptr<PhcStandIn> m_phc;
     std::unique_ptr<FakePtp4l> m_ptp4l;
