@@ -25,8 +25,8 @@
 // with every cycle.
 //
 // The server binds the fixed ports, so the test process runs in network namespaces of its own
-// (tests/support/private-net.sh), and OSTPMC_SYSROOT names probeRoot() before anything
-// resolves a device path (probe_main.cpp does both).
+// (ctest starts it through tests/support/private-net.sh), and OSTPMC_SYSROOT names probeRoot()
+// before anything resolves a device path (probe_main.cpp sets it).
 class OstPmcServerProbe {
   public:
     using Publication = std::pair<std::string, Json::Value>;
