@@ -25,8 +25,18 @@ TEST(CtlCommandLine, MistakesAreNamed) {
         {{"status", "--host"}, "--host needs a value"},
         {{"watch", "999"}, "unknown topic '999' (1000 or 1001)"},
         {{"set", "priority1"}, "expected key=value, got 'priority1'"},
-        {{"set", "priority1=high"}, "priority1 needs a whole number, got 'high'"},
-        {{"set", "priority1=99999999999"}, "priority1 needs a whole number, got '99999999999'"},
+        {{"set", "priority1=high"}, "priority1 needs a whole number 0..255, got 'high'"},
+        {{"set", "priority1=99999999999"},
+         "priority1 needs a whole number 0..255, got '99999999999'"},
+        // What the wire cannot carry is refused before anything is sent.
+        {{"set", "priority1=256"}, "priority1 needs a whole number 0..255, got '256'"},
+        {{"set", "domain=-1"}, "domain needs a whole number 0..255, got '-1'"},
+        {{"set", "port=0"}, "port needs a whole number 1..255, got '0'"},
+        {{"set", "announceReceiptTimeout=256"},
+         "announceReceiptTimeout needs a whole number 0..255, got '256'"},
+        {{"set", "syncInterval=128"}, "syncInterval needs a whole number -128..127, got '128'"},
+        {{"set", "announceInterval=-129"},
+         "announceInterval needs a whole number -128..127, got '-129'"},
         {{"set", "slaveOnly=maybe"}, "slaveOnly needs true or false, got 'maybe'"},
         {{"set", "colour=red"}, "unknown parameter 'colour'"},
     };
@@ -41,14 +51,17 @@ TEST(CtlCommandLine, MistakesAreNamed) {
 TEST(CtlCommandLine, SetBuildsTheParameterObjectOfTheRequest) {
     CtlRequest r;
     std::string error;
-    ASSERT_TRUE(parse({"set", "domain=0x7f", "priority1=100", "port=2", "syncInterval=-3",
-                       "slaveOnly=true", "profile=smpte"},
-                      r, error))
+    ASSERT_TRUE(
+        parse({"set", "domain=0x7f", "priority1=100", "priority2=255", "port=2", "syncInterval=-3",
+               "announceInterval=-128", "slaveOnly=true", "profile=smpte"},
+              r, error))
         << error;
     EXPECT_EQ(CtlRequest::Command::Set, r.command);
     Json::Value expected;
     expected["domain"] = 127;
     expected["priority1"] = 100;
+    expected["priority2"] = 255;
+    expected["announceInterval"] = -128;
     expected["port"] = 2;
     expected["syncInterval"] = -3;
     expected["slaveOnly"] = true;

@@ -1,5 +1,9 @@
 // ostpmc-ctl run as a person on the device runs it, against the running daemon.
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <thread>
@@ -43,22 +47,52 @@ TEST(CtlWithoutDaemon, HelpUsageAndNoAnswer) {
     EXPECT_EQ(0, help.exitCode);
     EXPECT_TRUE(has(help.out, "usage: ostpmc-ctl"));
 
+    // A mistake is one line, not the whole usage.
     CtlRun bad = runCtl({"statuss"});
     EXPECT_EQ(1, bad.exitCode);
-    EXPECT_TRUE(has(bad.err, "ostpmc-ctl: unknown command 'statuss'"));
+    EXPECT_EQ("ostpmc-ctl: unknown command 'statuss'; try --help\n", bad.err);
 
-    // Nothing listens: a clear message within the time-out, not a hang.
-    CtlRun none = runCtl({"--timeout", "500", "status"});
+    // Nothing listens: said at once, long before the reply time-out of 30 s.
+    CtlRun none = runCtl({"status"}, "/tmp", 5000);
     EXPECT_EQ(3, none.exitCode);
-    EXPECT_EQ(
-        "ostpmc-ctl: no answer from ostPmc at tcp://127.0.0.1:5573 within 500 ms "
-        "(ERROR_TIMEOUT)\n",
-        none.err);
+    EXPECT_EQ("ostpmc-ctl: ostPmc is not running at tcp://127.0.0.1:5573 (connection refused)\n",
+              none.err);
     EXPECT_EQ("", none.out);
+
+    // watch tells what it waits for, and that nothing publishes yet.
+    CtlRun watch = runCtl({"watch", "1000", "-t", "300"});
+    EXPECT_EQ(3, watch.exitCode);
+    EXPECT_EQ(
+        "ostpmc-ctl: waiting for state-machine notifications (1000) from ostPmc at "
+        "tcp://127.0.0.1:5574; stops after 300 ms without one or on Ctrl-C\n"
+        "ostpmc-ctl: ostPmc does not run there yet (connection refused); waiting for it\n"
+        "ostpmc-ctl: no publication from tcp://127.0.0.1:5574 within 300 ms\n",
+        watch.err);
 
     CtlRun missingFile = runCtl({"apply", "/nonexistent/cfg.json"});
     EXPECT_EQ(1, missingFile.exitCode);
     EXPECT_TRUE(has(missingFile.err, "cannot read /nonexistent/cfg.json"));
+}
+
+// Something accepts connections on the request port but never answers: the reply time-out.
+TEST(CtlWithoutDaemon, ASilentPortGetsTheReplyTimeOut) {
+    const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    ASSERT_GE(listener, 0);
+    const int on = 1;
+    setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(5573);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ASSERT_EQ(0, bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address));
+    ASSERT_EQ(0, listen(listener, 4));
+    CtlRun silent = runCtl({"--timeout", "500", "status"});
+    close(listener);
+    EXPECT_EQ(3, silent.exitCode);
+    EXPECT_EQ(
+        "ostpmc-ctl: no answer from ostPmc at tcp://127.0.0.1:5573 within 500 ms "
+        "(ERROR_TIMEOUT)\n",
+        silent.err);
 }
 
 TEST(CtlWithDaemon, ShowsWhatTheDaemonThinks) {

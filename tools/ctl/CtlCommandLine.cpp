@@ -17,17 +17,26 @@ bool parseWholeNumber(const std::string& text, long& value) {
     return errno == 0 && end && *end == '\0';
 }
 
-const char* const NUMBER_KEYS[] = {"domain",      "priority1",        "priority2",
-                                   "port",        "announceInterval", "announceReceiptTimeout",
-                                   "syncInterval"};
+// The numeric parameters and the values their fields on the wire can carry: unsigned bytes,
+// and the signed logarithms of the message intervals. A value out of range would be cut to
+// another one on its way to ptp4l, so it is refused before anything is sent.
+struct NumberKey {
+    const char* name;
+    long min;
+    long max;
+};
+const NumberKey NUMBER_KEYS[] = {
+    {"domain", 0, 255},         {"priority1", 0, 255},           {"priority2", 0, 255},
+    {"port", 1, 255},           {"announceInterval", -128, 127}, {"announceReceiptTimeout", 0, 255},
+    {"syncInterval", -128, 127}};
 
-bool isNumberKey(const std::string& key) {
-    for (const char* known : NUMBER_KEYS) {
-        if (key == known) {
-            return true;
+const NumberKey* numberKey(const std::string& key) {
+    for (const NumberKey& known : NUMBER_KEYS) {
+        if (key == known.name) {
+            return &known;
         }
     }
-    return false;
+    return nullptr;
 }
 
 }  // namespace
@@ -43,11 +52,13 @@ const char* ctlUsage() {
            "  config                 running PTP configuration\n"
            "  debug                  status and running configuration together\n"
            "  set key=value...       change parameters; keys: domain priority1 priority2\n"
-           "                         port announceInterval announceReceiptTimeout\n"
-           "                         syncInterval slaveOnly(true|false) profile\n"
+           "                         port announceReceiptTimeout (0..255), announceInterval\n"
+           "                         syncInterval (-128..127), slaveOnly (true|false),\n"
+           "                         profile\n"
            "  apply <file.json>      apply a whole running configuration from a JSON file\n"
-           "  watch [topic...]       print publications as they arrive; topics 1000\n"
-           "                         (state-machine notifications), 1001 (configuration)\n"
+           "  watch [topic...]       print publications as they arrive (what it waits for\n"
+           "                         goes to standard error); topics 1000 (state-machine\n"
+           "                         notifications), 1001 (configuration)\n"
            "  top                    live view, refreshed every second: state, grandmaster,\n"
            "                         offset, ports and the last notifications\n"
            "\n"
@@ -78,10 +89,11 @@ bool parseSetParameters(const std::vector<std::string>& words, Json::Value& out,
         }
         std::string key = word.substr(0, eq);
         std::string value = word.substr(eq + 1);
-        if (isNumberKey(key)) {
+        if (const NumberKey* range = numberKey(key)) {
             long number;
-            if (!parseWholeNumber(value, number) || number < INT_MIN || number > INT_MAX) {
-                error = key + " needs a whole number, got '" + value + "'";
+            if (!parseWholeNumber(value, number) || number < range->min || number > range->max) {
+                error = key + " needs a whole number " + std::to_string(range->min) + ".." +
+                        std::to_string(range->max) + ", got '" + value + "'";
                 return false;
             }
             out[key] = static_cast<int>(number);

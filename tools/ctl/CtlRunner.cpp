@@ -1,7 +1,11 @@
 #include "CtlRunner.h"
 
+#include <netdb.h>
+#include <poll.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fstream>
@@ -16,6 +20,60 @@
 #include "OstPmcJsonClient.h"
 
 namespace {
+
+// How long a connection to the daemon may take: on this device, or the next one, it takes
+// well under a millisecond.
+constexpr int CONNECT_TIMEOUT_MS = 1500;
+
+// Whether anything accepts connections on a daemon's port. ZeroMQ retries a refused connection
+// in silence until the reply time-out, so a daemon that does not run is told at once instead.
+struct Reach {
+    bool open = false;
+    bool refused = false;  // nothing listens: the daemon does not run there
+    std::string why;       // when not open: what the connection attempt met
+};
+
+Reach reachPort(const std::string& host, unsigned int port, int timeoutMs) {
+    addrinfo hints{};
+    hints.ai_family = AF_UNSPEC;
+    hints.ai_socktype = SOCK_STREAM;
+    addrinfo* found = nullptr;
+    const int rc = getaddrinfo(host.c_str(), std::to_string(port).c_str(), &hints, &found);
+    if (rc != 0) {
+        return {false, false, std::string("unknown host: ") + gai_strerror(rc)};
+    }
+    Reach reach{false, false, "no address"};
+    for (addrinfo* at = found; at && !reach.open; at = at->ai_next) {
+        const int fd =
+            socket(at->ai_family, at->ai_socktype | SOCK_NONBLOCK | SOCK_CLOEXEC, at->ai_protocol);
+        if (fd < 0) {
+            reach.why = strerror(errno);
+            continue;
+        }
+        int error = connect(fd, at->ai_addr, at->ai_addrlen) == 0 ? 0 : errno;
+        if (error == EINPROGRESS) {
+            pollfd item{fd, POLLOUT, 0};
+            const int ready = poll(&item, 1, timeoutMs);
+            socklen_t size = sizeof(error);
+            if (ready == 0) {
+                error = ETIMEDOUT;
+            } else if (ready < 0 || getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &size) != 0) {
+                error = errno;
+            }
+        }
+        close(fd);
+        reach.open = error == 0;
+        reach.refused = error == ECONNREFUSED;
+        reach.why = reach.refused ? "connection refused" : strerror(error);
+    }
+    freeaddrinfo(found);
+    return reach;
+}
+
+int connectTimeout(const CtlRequest& request) {
+    return request.timeoutMs > 0 ? std::min(request.timeoutMs, CONNECT_TIMEOUT_MS)
+                                 : CONNECT_TIMEOUT_MS;
+}
 
 class CtlClient : public OstPmcJsonClient {
   public:
@@ -76,8 +134,38 @@ void print(FILE* out, const std::string& text) {
     fflush(out);
 }
 
+// What watch waits for, said on standard error so that the output stays the publications.
+void announceWatch(const CtlRequest& request, const std::string& endpoint, FILE* err) {
+    bool notifications = request.topics.empty();
+    bool configuration = request.topics.empty();
+    for (const std::string& topic : request.topics) {
+        (topic == "1000" ? notifications : configuration) = true;
+    }
+    const std::string what =
+        notifications && configuration
+            ? "state-machine notifications (1000) and configuration changes (1001)"
+        : notifications ? "state-machine notifications (1000)"
+                        : "configuration changes (1001)";
+    std::string until;
+    if (request.count > 0) {
+        until = " after " + std::to_string(request.count) + " of them or";
+    }
+    if (request.timeoutMs > 0) {
+        until += " after " + std::to_string(request.timeoutMs) + " ms without one or";
+    }
+    fprintf(err, "ostpmc-ctl: waiting for %s from ostPmc at %s; stops%s on Ctrl-C\n", what.c_str(),
+            endpoint.c_str(), until.c_str());
+    const Reach reach = reachPort(request.host, IpcAddress::PUBLISH_PORT, connectTimeout(request));
+    if (!reach.open) {
+        fprintf(err, "ostpmc-ctl: ostPmc does not run there yet (%s); waiting for it\n",
+                reach.why.c_str());
+    }
+    fflush(err);
+}
+
 int runWatch(const CtlRequest& request, zmq::context_t& context, FILE* out, FILE* err) {
     std::string endpoint = "tcp://" + request.host + ":" + std::to_string(IpcAddress::PUBLISH_PORT);
+    announceWatch(request, endpoint, err);
     try {
         zmq::socket_t sub(context, zmq::socket_type::sub);
         sub.set(zmq::sockopt::linger, 0);
@@ -206,6 +294,14 @@ int runCtl(const CtlRequest& request, FILE* out, FILE* err) {
     int rc = client.init(context, host);
     if (rc < 0) {
         return reportFailure(client, rc, err);
+    }
+    const Reach reach = reachPort(request.host, IpcAddress::DEFAULT_PORT, connectTimeout(request));
+    if (!reach.open) {
+        fprintf(err,
+                reach.refused ? "ostpmc-ctl: ostPmc is not running at %s (%s)\n"
+                              : "ostpmc-ctl: cannot reach ostPmc at %s: %s\n",
+                client.getIpcConnectAddress().c_str(), reach.why.c_str());
+        return CTL_NO_ANSWER;
     }
 
     if (request.command == CtlRequest::Command::Top) {

@@ -9,7 +9,8 @@ int main(int argc, char** argv) {
     CtlRequest request;
     std::string error;
     if (!parseCtlCommandLine(argc, argv, request, error)) {
-        fprintf(stderr, "ostpmc-ctl: %s\n\n%s", error.c_str(), ctlUsage());
+        // One line: the whole usage would bury the mistake.
+        fprintf(stderr, "ostpmc-ctl: %s; try --help\n", error.c_str());
         return CTL_USAGE;
     }
     if (request.command == CtlRequest::Command::Help) {
