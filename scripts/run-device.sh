@@ -1,72 +1,167 @@
 #!/bin/sh
-# Builds ostPmc and runs it in the foreground on a simulated device. The device root is
-# build/device-root (a copy of rootfs/, selected with OSTPMC_SYSROOT); its init script runs
-# ptp4l inside a network namespace of the test bed (build/device-bed), linked to a grandmaster
-# in another one, without CAP_SYS_TIME and with the clock guard, so that neither this
-# machine's interfaces nor its clock are ever touched. The clock-driver stand-in serves the
-# device's /dev/ostphc. Ctrl-C stops the daemon (which stops its ptp4l) and takes the rest
-# down. Extra arguments go to ostPmc (default: -l 6).
+# Builds ostPmc and runs it in the foreground on a simulated device: a network of two
+# grandmaster ptp4l instances (test-bed namespaces), the device's ptp4l started by the daemon
+# through the shipped init script inside the device's namespace, the clock-driver stand-in,
+# the system defaults and the daemon itself. The device's first request follows once the
+# daemon answers. Neither this machine's interfaces nor its clock are ever touched; Ctrl-C
+# takes all of it down. The pieces are scripts/sim-device.sh; faults: scripts/device-fault.sh.
 set -eu
 cd "$(dirname "$0")/.."
-top=$PWD
 
-sh scripts/install-deps.sh
-cmake --preset dev >/dev/null
-cmake --build --preset dev -j "$(nproc 2>/dev/null || echo 2)" \
-    --target ostPmc ostpmc-ctl ostpmc_clockguard ostpmc-phc-standin
+usage() {
+    cat <<USAGE
+usage: sh scripts/run-device.sh [options]
 
-root=$top/build/device-root
-bed=$top/build/device-bed
-guard=$top/build/dev/testbed/libostpmc_clockguard.so
-standin=$top/build/dev/testbed/ostpmc-phc-standin
-export OSTPMC_CLOCKGUARD="$guard"
+Builds ostPmc and runs it on a simulated device of this machine (needs root). Ctrl-C stops
+all of it.
 
-# What an earlier run left behind.
-[ -f "$bed/bed.env" ] && sh testbed/ptp4l-bed.sh down "$bed" >/dev/null 2>&1
-rm -rf "$root" "$bed"
-mkdir -p "$root/var/run" "$root/var/log" "$root/dev"
-cp -R rootfs/. "$root/"
-# A board with one PTP port: the device's ptp4l has the one link to the grandmaster.
-cat >"$root/etc/ost/system-defaults.json" <<DEFAULTS
-{"boardModel": 2, "clockOffsetFromMasterThreshold": 1500.0, "redundancyEnable": false}
-DEFAULTS
+options:
+  --profile NAME   the profile of the device's first request and of the network's
+                   grandmasters: aes67 (AES67:Media), default (IEEE1588:Default),
+                   smpte (SMPTE:2059-2, domain 127) or gptp (GPTP:L2, peer to peer: one
+                   grandmaster only). Default: the one in rootfs/etc/ost/ptp-running-config.json
+  --board N        the board model of the system defaults (default 2):
+                     2         one PTP port; the daemon drives ptp4l through the init script
+                     4, 5      WREN, FINCH: the same, with a 1 s pause after each restart
+                     0, 1, 6, 7, 10..15
+                               a second PTP port (a second link, to no grandmaster: that
+                               port takes the master role)
+                     3, 9      KESTREL, HERON: a second PTP port, and statistics. Debian's
+                               ptp4l has no statistics data set: from the 4th status cycle
+                               on, every cycle stops at that query, and the state machine
+                               stays where it was (slave-unstable)
+                     8         EGRET: the daemon neither runs the init script nor the clock
+                               driver; ptp4l is started once, before the daemon, with the
+                               profile's file (a profile change then waits for a restart)
+  -l, --log-level N
+                   the daemon's log level: 2 ERR 3 WRN 4 NTF 5 INF 6 DBG 7 VERBOSE
+                   (default 6)
+  --no-config      send no first request: the daemon waits for one, as on a device
+  -h, --help       this text
 
-standin_pid=
+for tests and scripts:
+  --dir DIR        the device's folder (default build/device)
+  --build DIR      run the programs built in DIR; install and build nothing
+USAGE
+}
+
+fail() {
+    echo "run-device: $*" >&2
+    exit 1
+}
+
+profile=
+board=2
+level=6
+config=1
+dir=build/device
+build=
+while [ $# -gt 0 ]; do
+    case "$1" in
+    --profile | --board | -l | --log-level | --dir | --build)
+        [ $# -ge 2 ] || fail "$1 needs a value; try --help"
+        case "$1" in
+        --profile) profile=$2 ;;
+        --board) board=$2 ;;
+        -l | --log-level) level=$2 ;;
+        --dir) dir=$2 ;;
+        --build) build=$2 ;;
+        esac
+        shift
+        ;;
+    --no-config) config=0 ;;
+    -h | --help)
+        usage
+        exit 0
+        ;;
+    *) fail "unknown option '$1'; try --help" ;;
+    esac
+    shift
+done
+case "$board" in
+[0-9] | 1[0-5]) ;;
+*) fail "board model '$board' is not 0..15; try --help" ;;
+esac
+case "$level" in
+[0-7]) ;;
+*) fail "log level '$level' is not 0..7; try --help" ;;
+esac
+[ "$(id -u)" -eq 0 ] || fail "the simulated device needs root (network namespaces, FUSE)"
+
+if [ -z "$build" ]; then
+    sh scripts/install-deps.sh
+    cmake --preset dev >/dev/null
+    cmake --build --preset dev -j "$(nproc 2>/dev/null || echo 2)" \
+        --target ostPmc ostpmc-ctl ostpmc_clockguard ostpmc-phc-standin
+    build=build/dev
+fi
+ctl=$build/tools/ostpmc-ctl
+# The daemon's ports are fixed: a second one could not serve.
+if "$ctl" -t 1000 status >/dev/null 2>&1; then
+    fail "an ostPmc already answers on 127.0.0.1:5573: stop it first (an earlier" \
+        "simulated device: sh scripts/sim-device.sh down --dir $dir)"
+fi
+
 daemon_pid=
+config_pid=
+ran_daemon=0
 cleanup() {
-    trap - EXIT INT TERM
-    [ -z "$daemon_pid" ] || { kill -TERM "$daemon_pid" 2>/dev/null; wait "$daemon_pid" 2>/dev/null; }
-    [ -z "$standin_pid" ] || { kill -TERM "$standin_pid" 2>/dev/null; wait "$standin_pid" 2>/dev/null; }
-    sh testbed/ptp4l-bed.sh down "$bed" >/dev/null 2>&1 || true
-    echo "run-device: stopped; nothing left running"
+    trap - EXIT INT TERM HUP
+    set +e
+    for pid in $config_pid $daemon_pid; do
+        kill -TERM "$pid" 2>/dev/null && wait "$pid" 2>/dev/null
+    done
+    sh scripts/sim-device.sh down --dir "$dir" >/dev/null 2>&1
+    echo "run-device: stopped; nothing of the simulated device is left running"
+    [ "$ran_daemon" = 0 ] ||
+        echo "run-device: (the daemon's 'system call failed' lines after each restart and" \
+            "at its stop are no fault: see README.md)"
 }
 trap cleanup EXIT
-trap 'exit 130' INT TERM
+trap 'exit 130' INT TERM HUP
 
-sh testbed/ptp4l-bed.sh up "$bed" --no-slave --owner $$ >/dev/null
-sl_ns=$(sed -n 's/^SL_NS=//p' "$bed/bed.env")
-sl_if=$(sed -n 's/^SL_IF=//p' "$bed/bed.env")
-cat >"$root/etc/default/ptp4ld" <<SETTINGS
-# Written by run-device.sh: ptp4l runs on the simulated device's link, inside its namespace.
-PTP4L_INTERFACES="$sl_if"
-PTP4L_PREFIX="ip netns exec $sl_ns setpriv --inh-caps=-sys_time --bounding-set=-sys_time env LD_PRELOAD=$guard"
-PTP4L_OPTIONS="--time_stamping=software --pi_proportional_scale=0.7 --pi_integral_scale=0.3 -m -q"
-PTP4L_LOG="$root/var/log/ptp4l.log"
-SETTINGS
+sh scripts/sim-device.sh up --dir "$dir" --build "$build" --board "$board" --owner $$ \
+    ${profile:+--profile "$profile"}
+bed=$dir/bed
+ns() { sed -n "s/^$1=//p" "$bed/bed.env"; }
+device_profile=$(sed -n 's/^PROFILE=//p' "$dir/device.env")
+where=
+[ "$dir" = build/device ] || where=" --dir $dir"
 
-"$standin" "$root/dev" --record "$root/var/log/ostphc.log" &
-standin_pid=$!
-tries=0
-until [ -e "$root/dev/ostphc" ]; do
-    tries=$((tries + 1))
-    [ $tries -le 50 ] || { echo "run-device: the clock-driver stand-in did not start" >&2; exit 1; }
-    sleep 0.1
-done
+echo "run-device: the simulated device (board $board, profile $device_profile):"
+if [ -n "$(ns GM2_NS)" ]; then
+    echo "    grandmaster in charge  priority1 100, namespace $(ns GM_NS)"
+    echo "    second grandmaster     priority1 110, namespace $(ns GM2_NS)"
+else
+    echo "    grandmaster            priority1 100, namespace $(ns GM_NS)"
+fi
+echo "    the device's ptp4l     namespace $(ns SL_NS), log $dir/root/var/log/ptp4l.log"
+echo "    the device root        $dir/root"
+if [ "$config" = 1 ]; then
+    echo "run-device: once the daemon answers, the device's first request follows (the running"
+    echo "    configuration in $dir/root/etc/ost/ptp-running-config.json); within a few seconds"
+    echo "    the state machine reaches slave-stable."
+else
+    echo "run-device: no first request (--no-config): the daemon waits for one, as on a device:"
+    echo "    $ctl apply $dir/root/etc/ost/ptp-running-config.json"
+fi
+echo "run-device: next, in another terminal in $PWD:"
+next() { printf '    %-45s # %s\n' "$1" "$2"; }
+next "$ctl status" "what the daemon last read from ptp4l"
+next "$ctl watch" "the state machine's notifications"
+next "sh scripts/device-fault.sh$where gm-stop" "a fault (--help lists them all)"
+next "$ctl set priority1=90" "the device wins the election"
+echo "run-device: Ctrl-C stops all of it. The daemon's log follows."
 
-echo "run-device: device root $root; grandmaster in namespace ${sl_ns%-sl}-gm"
-echo "run-device: ask it with: build/dev/tools/ostpmc-ctl status"
-[ $# -gt 0 ] || set -- -l 6
-OSTPMC_SYSROOT="$root" build/dev/app/ostPmc "$@" &
+sh scripts/sim-device.sh daemon --dir "$dir" -l "$level" &
 daemon_pid=$!
-wait "$daemon_pid" || true
+ran_daemon=1
+if [ "$config" = 1 ]; then
+    sh scripts/sim-device.sh first-config --dir "$dir" &
+    config_pid=$!
+fi
+status=0
+wait "$daemon_pid" || status=$?
 daemon_pid=
+echo "run-device: the daemon exited (status $status)"
+exit "$status"
