@@ -75,9 +75,5 @@ class SimDevice {
     std::unique_ptr<zmq::socket_t> m_subscriber;
 };
 
-// The actions the state machine's transition table gives for the transitions a daemon's log
-// shows, in order.
-std::vector<int> actionsOfLoggedTransitions(const std::string& log);
-
 // Reads a file whole; empty when it cannot be read.
 std::string readText(const std::string& path);

@@ -10,6 +10,7 @@
 
 #include "OstPmcCommands.h"
 #include "SimDevice.h"
+#include "TransitionActions.h"
 
 namespace {
 
