@@ -21,9 +21,11 @@ struct CtlRun {
     std::string err;
 };
 
-CtlRun runCtl(const std::vector<std::string>& args, const std::string& dir = "/tmp",
+// The program's output files go to dir, or to a directory of this call's own that goes with it.
+CtlRun runCtl(const std::vector<std::string>& args, const std::string& dir = "",
               int timeoutMs = 20000) {
-    ChildProcess ctl(OSTPMC_CTL_BINARY, args, {}, dir);
+    const TestSysRoot scratch;
+    ChildProcess ctl(OSTPMC_CTL_BINARY, args, {}, dir.empty() ? scratch.path() : dir);
     if (!ctl.wait(timeoutMs)) {
         return {-1000, ctl.stdoutText(), ctl.stderrText()};
     }
@@ -53,7 +55,7 @@ TEST(CtlWithoutDaemon, HelpUsageAndNoAnswer) {
     EXPECT_EQ("ostpmc-ctl: unknown command 'statuss'; try --help\n", bad.err);
 
     // Nothing listens: said at once, long before the reply time-out of 30 s.
-    CtlRun none = runCtl({"status"}, "/tmp", 5000);
+    CtlRun none = runCtl({"status"}, "", 5000);
     EXPECT_EQ(3, none.exitCode);
     EXPECT_EQ("ostpmc-ctl: ostPmc is not running at tcp://127.0.0.1:5573 (connection refused)\n",
               none.err);
@@ -174,8 +176,9 @@ TEST(CtlWatch, PrintsPublicationsAsTheyArrive) {
     PublishJsonServer publisher(context);
     ASSERT_EQ(0, publisher.bindToAddress("tcp://127.0.0.1:5574"));
 
+    const TestSysRoot scratch;
     ChildProcess watch(OSTPMC_CTL_BINARY, {"watch", "1000", "--count", "1", "--timeout", "10000"},
-                       {}, "/tmp");
+                       {}, scratch.path());
     // A subscriber misses what is sent before it is connected: publish until it has printed.
     Json::Value config;
     config["profile"] = "GPTP:L2";
