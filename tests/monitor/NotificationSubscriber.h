@@ -6,56 +6,44 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <utility>
 #include <vector>
 #include <zmq.hpp>
 
-#include "JsonText.h"
 #include "OstPmcPtpCfg.h"
 #include "OstPmcPublisher.h"
 
-struct Publication {
-    std::string topic;
-    std::string body;
-};
+// Topic and body.
+using Publication = std::pair<std::string, std::string>;
 
 class NotificationSubscriber {
   public:
-    // Connects to tcp://127.0.0.1:5574 and returns once publications reach it (see connected()).
     NotificationSubscriber(zmq::context_t& context, OstPmcPublisher& publisher)
         : m_publisher(publisher), m_socket(context, zmq::socket_type::sub) {
         m_socket.set(zmq::sockopt::linger, 0);
         m_socket.set(zmq::sockopt::subscribe, "");
-        m_socket.connect("tcp://127.0.0.1:5574");
-        // A subscription reaches the publisher a moment after connect; what is published before
-        // is lost, so markers go out until one comes back.
         m_socket.set(zmq::sockopt::rcvtimeo, 10);
-        Publication got;
-        for (int attempt = 0; attempt < 500 && !m_connected; ++attempt) {
-            publishMarker();
-            m_connected = receive(got);
-        }
-        if (!m_connected) {
-            ADD_FAILURE() << "no publication reached the subscriber";
-            return;
-        }
-        takeAll();
+        m_socket.connect("tcp://127.0.0.1:5574");
     }
 
-    bool connected() const { return m_connected; }
-
-    // Everything published since the last call, in order, markers left out.
+    // Everything published since the last call, in order, markers left out. The first call
+    // waits until publications reach the subscriber at all.
     std::vector<Publication> takeAll() {
         std::vector<Publication> taken;
-        const std::string marker = publishMarker();
-        // Only a safeguard against a hang: the marker is already on its way.
-        m_socket.set(zmq::sockopt::rcvtimeo, 5000);
-        Publication got;
-        while (receive(got)) {
-            if (got.body == marker) {
-                return taken;
-            }
-            if (got.body.find(MARKER_PATH) == std::string::npos) {
-                taken.push_back(got);
+        OstPmcPtpCfg marker;
+        marker.m_cfg_path = MARKER_PATH + std::to_string(++m_markers);
+        // A subscription reaches the publisher a moment after connect, and what is published
+        // before is lost: the marker goes out again until it comes back.
+        for (int attempt = 0; attempt < 500; ++attempt) {
+            EXPECT_EQ(0, m_publisher.notifyPtpConfigChange(marker));
+            zmq::message_t topic, body;
+            while (m_socket.recv(topic) && m_socket.recv(body)) {
+                if (body.to_string().find('"' + marker.m_cfg_path + '"') != std::string::npos) {
+                    return taken;
+                }
+                if (body.to_string().find(MARKER_PATH) == std::string::npos) {
+                    taken.emplace_back(topic.to_string(), body.to_string());
+                }
             }
         }
         ADD_FAILURE() << "the marker publication never arrived";
@@ -65,27 +53,7 @@ class NotificationSubscriber {
   private:
     static constexpr const char* MARKER_PATH = "subscriber-marker-";
 
-    // The body text of the marker published.
-    std::string publishMarker() {
-        OstPmcPtpCfg cfg;
-        cfg.m_cfg_path = MARKER_PATH + std::to_string(++m_markers);
-        EXPECT_EQ(0, m_publisher.notifyPtpConfigChange(cfg));
-        Json::Value body;
-        cfg.Serialize(body);
-        return JsonText::compact(body);
-    }
-
-    bool receive(Publication& out) {
-        zmq::message_t topic, body;
-        if (!m_socket.recv(topic) || !m_socket.recv(body)) {
-            return false;
-        }
-        out = {topic.to_string(), body.to_string()};
-        return true;
-    }
-
     OstPmcPublisher& m_publisher;
     zmq::socket_t m_socket;
     unsigned m_markers = 0;
-    bool m_connected = false;
 };
