@@ -17,63 +17,50 @@ namespace {
 
 TEST(ShellWord, PlainPathsStayAsTheyAreEverythingElseIsOneQuotedWord) {
     EXPECT_EQ("/etc/ptp/my-profile_2.cfg", shellWord("/etc/ptp/my-profile_2.cfg"));
-    EXPECT_EQ("'x;touch /tmp/owned'", shellWord("x;touch /tmp/owned"));
-    EXPECT_EQ("'$(reboot)'", shellWord("$(reboot)"));
-    EXPECT_EQ("'`id`'", shellWord("`id`"));
-    EXPECT_EQ("'a\nb'", shellWord("a\nb"));
     EXPECT_EQ("'it'\\''s'", shellWord("it's"));
     EXPECT_EQ("''", shellWord(""));
     // What the shell makes of it: exactly the text, one word, nothing run.
-    for (const std::string text : {"x;touch /tmp/owned", "$(id)`id`", "a'b\"c\\d\ne", " *"}) {
-        char tmpl[] = "/tmp/ostpmc-word-XXXXXX";
-        const std::string out = mkdtemp(tmpl) + std::string("/out");
-        const std::string command = "printf %s " + shellWord(text) + " > " + out;
-        ASSERT_EQ(0, system(command.c_str()));
+    char dir[] = "/tmp/ostpmc-word-XXXXXX";
+    ASSERT_NE(nullptr, mkdtemp(dir));
+    const std::string out = dir + std::string("/out"), owned = dir + std::string("/owned");
+    for (const std::string& text : std::vector<std::string>{"x;touch " + owned, "$(id)`id`",
+                                                            "$HOME", "a'b\"c\\d\ne", " *", ""}) {
+        EXPECT_EQ(0, system(("printf %s " + shellWord(text) + " > " + out).c_str()));
         std::ifstream in(out);
         EXPECT_EQ(text, std::string(std::istreambuf_iterator<char>(in), {}));
-        unlink(out.c_str());
-        rmdir(tmpl);
     }
+    unlink(out.c_str());
+    unlink(owned.c_str());
+    rmdir(dir);
 }
 
-// Every command the service hands to the shell, with the result the shell gives.
-struct FakeShell {
+TEST(Ptp4lService, CommandsAndTheInverseJudgingOfTheScript) {
     std::vector<std::string> commands;
     int result = 0;
-    Ptp4lService service() {
-        return Ptp4lService([this](const std::string& command) {
-            commands.push_back(command);
-            return result;
-        });
-    }
-};
-
-TEST(Ptp4lService, CommandsAndTheInverseJudgingOfTheScript) {
-    const BoardModel kestrel(KESTREL), egret(EGRET);
-    const std::string script = "/etc/S60ptp4ld";
+    const Ptp4lService service([&](const std::string& command) {
+        commands.push_back(command);
+        return result;
+    });
     const std::string failed =
         "int OstPmcServer::startPtp4l(const OstPmcPtpCfg&): system call failed";
-    const struct {
-        int result;
-        bool copyFails, scriptFails;
-    } cases[] = {{0, false, true}, {1, true, false}, {256, true, false}, {-1, true, true}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.result);
-        FakeShell shell;
-        shell.result = c.result;
+    // The copy fails on anything but 0, the script on anything but a result above 0.
+    for (int shellResult : {0, 1, -1}) {
+        SCOPED_TRACE(shellResult);
+        commands.clear();
+        result = shellResult;
         LogCapture log;
-        shell.service().installProfileFile("/etc/ptp/ptpAesProfile.cfg");
-        shell.service().restart(false, kestrel);
-        shell.service().restart(true, kestrel);
-        shell.service().stop(kestrel);
+        service.installProfileFile("/etc/ptp/ptpAesProfile.cfg");
+        service.restart(false, BoardModel(KESTREL));
+        service.restart(true, BoardModel(KESTREL));
+        service.stop(BoardModel(KESTREL));
         EXPECT_EQ((std::vector<std::string>{"cp /etc/ptp/ptpAesProfile.cfg /etc/ptp/ptpProfile.cfg",
-                                            script + " restart", script + " restartslave",
-                                            script + " stop"}),
-                  shell.commands);
-        EXPECT_EQ(c.copyFails, log.contains(failed + ": initializing ptp4l", Logger::ERR));
-        EXPECT_EQ(c.scriptFails, log.contains(failed + ": restart", Logger::ERR));
-        EXPECT_EQ(c.scriptFails, log.contains(failed + ": restartslave", Logger::ERR));
-        EXPECT_EQ(c.scriptFails,
+                                            "/etc/S60ptp4ld restart", "/etc/S60ptp4ld restartslave",
+                                            "/etc/S60ptp4ld stop"}),
+                  commands);
+        EXPECT_EQ(result != 0, log.contains(failed + ": initializing ptp4l", Logger::ERR));
+        EXPECT_EQ(result <= 0, log.contains(failed + ": restart", Logger::ERR));
+        EXPECT_EQ(result <= 0, log.contains(failed + ": restartslave", Logger::ERR));
+        EXPECT_EQ(result <= 0,
                   log.contains("virtual OstPmcServer::~OstPmcServer(): system call failed"));
         EXPECT_TRUE(log.contains("PTP NORMAL MODE", Logger::NTF));
         EXPECT_TRUE(log.contains("PTP SLAVE_ONLY MODE", Logger::NTF));
@@ -81,66 +68,60 @@ TEST(Ptp4lService, CommandsAndTheInverseJudgingOfTheScript) {
     }
 
     // EGRET: no script path, the command still goes to the shell; nothing stopped.
-    FakeShell shell;
+    commands.clear();
     LogCapture log;
-    shell.service().restart(false, egret);
-    shell.service().restart(true, egret);
-    shell.service().stop(egret);
-    EXPECT_EQ((std::vector<std::string>{" restart", " restartslave"}), shell.commands);
+    service.restart(false, BoardModel(EGRET));
+    service.restart(true, BoardModel(EGRET));
+    service.stop(BoardModel(EGRET));
+    EXPECT_EQ((std::vector<std::string>{" restart", " restartslave"}), commands);
     EXPECT_FALSE(log.contains("OSTPMC:: Stopping ptp4l"));
 
     // A hostile source stays one word, and never an option of cp.
-    shell.service().installProfileFile("x;touch /tmp/owned");
-    shell.service().installProfileFile("-rf");
-    EXPECT_EQ("cp 'x;touch /tmp/owned' /etc/ptp/ptpProfile.cfg", shell.commands.at(2));
-    EXPECT_EQ("cp ./-rf /etc/ptp/ptpProfile.cfg", shell.commands.at(3));
-    EXPECT_TRUE(
-        log.contains("OSTPMC Initializing ptp4l ... cp 'x;touch /tmp/owned' "
-                     "/etc/ptp/ptpProfile.cfg",
-                     Logger::NTF));
+    service.installProfileFile("x;touch /tmp/owned");
+    service.installProfileFile("-rf");
+    EXPECT_EQ("cp 'x;touch /tmp/owned' /etc/ptp/ptpProfile.cfg", commands.at(2));
+    EXPECT_EQ("cp ./-rf /etc/ptp/ptpProfile.cfg", commands.at(3));
+    EXPECT_TRUE(log.contains(
+        "OSTPMC Initializing ptp4l ... cp 'x;touch /tmp/owned' /etc/ptp/ptpProfile.cfg",
+        Logger::NTF));
 }
 
 TEST(ProfileFiles, EachProfileHasItsFileAndOnlyThose) {
-    const struct {
-        int profile;
-        const char* file;
-    } cases[] = {{0, "/etc/ptp/ptpDefaultProfile.cfg"},
-                 {1, "/etc/ptp/ptpAesProfile.cfg"},
-                 {2, "/etc/ptp/ptpSmpteProfile.cfg"},
-                 {3, "/etc/ptp/ptpAvbProfile.cfg"}};
-    for (const auto& c : cases) {
+    const char* const files[] = {"ptpDefaultProfile.cfg", "ptpAesProfile.cfg",
+                                 "ptpSmpteProfile.cfg", "ptpAvbProfile.cfg", nullptr};
+    for (int profile = 0; profile <= 4; ++profile) {
+        SCOPED_TRACE(profile);
         LogCapture log;
         std::string path = "old";
-        EXPECT_EQ(0, ProfileFiles::defaultFile(
-                         PtpProfile(static_cast<PtpProfile::ptp_profile_t>(c.profile)), path));
-        EXPECT_EQ(c.file, path);
-        EXPECT_TRUE(log.contains(std::string("getPtpDefaultConfigFile: path:: ") + c.file));
-        EXPECT_EQ(c.profile == 1, log.contains("AES67_MEDIA"));
+        const int rc = ProfileFiles::defaultFile(
+            PtpProfile(static_cast<PtpProfile::ptp_profile_t>(profile)), path);
+        if (files[profile] == nullptr) {
+            EXPECT_EQ(-8, rc);
+            EXPECT_EQ("", path);
+            EXPECT_TRUE(log.contains("ERROR_INVALID_PARAM", Logger::INF));
+            continue;
+        }
+        EXPECT_EQ(0, rc);
+        EXPECT_EQ(std::string("/etc/ptp/") + files[profile], path);
+        EXPECT_TRUE(log.contains("getPtpDefaultConfigFile: path:: " + path));
+        EXPECT_EQ(profile == 1, log.contains("AES67_MEDIA"));
     }
-    for (int profile : {4, -1}) {
-        LogCapture log;
-        std::string path = "old";
-        EXPECT_EQ(-8, ProfileFiles::defaultFile(
-                          PtpProfile(static_cast<PtpProfile::ptp_profile_t>(profile)), path));
-        EXPECT_EQ("", path);
-        EXPECT_TRUE(log.contains("ERROR_INVALID_PARAM", Logger::INF));
-    }
-    EXPECT_EQ("/etc/ptp/ptpProfile.cfg", ProfileFiles::activeFile());
 }
 
 TEST(ProfileFiles, OnlyReadableRegularFilesAreInstallable) {
-    char tmpl[] = "/tmp/ostpmc-files-XXXXXX";
-    const std::string dir = mkdtemp(tmpl);
-    std::ofstream(dir + "/file") << "[global]\n";
-    ASSERT_EQ(0, mkfifo((dir + "/fifo").c_str(), 0600));
-    EXPECT_TRUE(ProfileFiles::isInstallable(dir + "/file"));
-    for (const std::string& path : {dir + "/fifo", dir, dir + "/missing", std::string("/dev/zero"),
-                                    std::string("/dev/null")}) {
+    char dir[] = "/tmp/ostpmc-files-XXXXXX";
+    ASSERT_NE(nullptr, mkdtemp(dir));
+    const std::string file = dir + std::string("/file"), fifo = dir + std::string("/fifo");
+    std::ofstream(file) << "[global]\n";
+    EXPECT_EQ(0, mkfifo(fifo.c_str(), 0600));
+    EXPECT_TRUE(ProfileFiles::isInstallable(file));
+    for (const std::string& path : {fifo, std::string(dir), file + "-missing",
+                                    std::string("/dev/zero"), std::string("/dev/null")}) {
         EXPECT_FALSE(ProfileFiles::isInstallable(path)) << path;
     }
-    unlink((dir + "/file").c_str());
-    unlink((dir + "/fifo").c_str());
-    rmdir(dir.c_str());
+    unlink(file.c_str());
+    unlink(fifo.c_str());
+    rmdir(dir);
 }
 
 TEST(ProfileFiles, DomainFromTheFirstLineNamingIt) {
