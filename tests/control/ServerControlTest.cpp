@@ -8,6 +8,7 @@
 
 #include "OstPmcCommands.h"
 #include "OstPmcServerProbe.h"
+#include "ShippedProfiles.h"
 
 namespace {
 
@@ -54,16 +55,7 @@ Sets sets(FakePtp4l& ptp4l) {
 }
 
 TEST(ServerControl, RunningConfigurationInstallsEachProfileAndAppliesIt) {
-    const struct {
-        const char* profile;
-        const char* file;
-        uint8_t domain;
-        uint32_t avb;
-    } profiles[] = {{"IEEE1588:Default", "ptpDefaultProfile.cfg", 0, 0},
-                    {"AES67:Media", "ptpAesProfile.cfg", 0, 0},
-                    {"SMPTE:2059-2", "ptpSmpteProfile.cfg", 127, 0},
-                    {"GPTP:L2", "ptpAvbProfile.cfg", 0, 1}};
-    for (const auto& p : profiles) {
+    for (const ShippedProfile& p : SHIPPED_PROFILES) {
         SCOPED_TRACE(p.profile);
         FakePtp4l::Model model;
         model.domain = p.domain;  // ptp4l runs the domain its file names

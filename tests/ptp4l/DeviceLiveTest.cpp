@@ -14,6 +14,7 @@
 #include "LiveDevice.h"
 #include "LiveSupport.h"
 #include "OstPmcCommands.h"
+#include "ShippedProfiles.h"
 #include "TransitionActions.h"
 
 namespace {
@@ -63,18 +64,9 @@ TEST(DeviceControl, ConfigurationRequestsDriveTheRealPtp4l) {
     const std::string etc = device.root() + "/etc/ptp/";
     auto daemonLog = [&] { return device.daemon().stderrText(); };
 
-    const struct {
-        const char* profile;
-        const char* file;
-        uint8_t domain;
-        uint32_t avb;
-    } profiles[] = {{"IEEE1588:Default", "ptpDefaultProfile.cfg", 0, 0},
-                    {"SMPTE:2059-2", "ptpSmpteProfile.cfg", 127, 0},
-                    {"GPTP:L2", "ptpAvbProfile.cfg", 0, 1},
-                    {"AES67:Media", "ptpAesProfile.cfg", 0, 0}};
     pid_t previous = 0;
     int priority = 90;
-    for (const auto& p : profiles) {
+    for (const ShippedProfile& p : SHIPPED_PROFILES) {
         SCOPED_TRACE(p.profile);
         ++priority;
         Json::Value request = json(R"({"priority1": 0, "priority2": 0})");
