@@ -37,21 +37,23 @@ int receiveRequest(zmq::socket_t& socket, std::string& text) {
     }
 }
 
-int sendReply(zmq::socket_t& socket, int result, const Json::Value& data, bool withData) {
+std::string replyText(int result, const Json::Value& data, bool withData) {
+    Json::Value envelope(Json::objectValue);
+    envelope["result"] = result;
+    envelope["resultText"] = IpcResult::text(result);
+    if (withData) {
+        envelope["data"] = data;
+    }
+    return JsonText::compact(envelope);
+}
+
+int sendReply(zmq::socket_t& socket, const std::string& text) {
     try {
-        Json::Value envelope(Json::objectValue);
-        envelope["result"] = result;
-        envelope["resultText"] = IpcResult::text(result);
-        if (withData) {
-            envelope["data"] = data;
-        }
-        socket.send(zmq::buffer(JsonText::compact(envelope)), zmq::send_flags::dontwait);
+        socket.send(zmq::buffer(text), zmq::send_flags::dontwait);
         return 0;
     } catch (const zmq::error_t& e) {
         Logger::log(Logger::ERR, "ServerJsonApi: sending the reply failed: error %d (%s)", e.num(),
                     e.what());
-    } catch (const std::exception& e) {
-        Logger::log(Logger::ERR, "ServerJsonApi: sending the reply failed: %s", e.what());
     }
     return IpcResult::ERROR_TRANSPORT;
 }
@@ -69,25 +71,39 @@ int ServerJsonApi::ipcPreProcessMsg(zmq::socket_t* socket) {
         return rc;
     }
 
-    Json::Value reply(Json::objectValue);
-    bool replyFlag = true;
-    const int result = handleRequest(text, reply, replyFlag);
-    if (sendReply(*socket, result, reply, replyFlag) < 0) {
+    std::string reply;
+    const int result = answerRequest(text.data(), text.size(), reply);
+    if (sendReply(*socket, reply) < 0) {
         return IpcResult::ERROR_TRANSPORT;
     }
     return result;
 }
 
-int ServerJsonApi::handleRequest(const std::string& text, Json::Value& reply, bool& replyFlag) {
+int ServerJsonApi::answerRequest(const char* request, size_t size, std::string& reply) {
+    Json::Value data(Json::objectValue);
+    bool replyFlag = true;
+    const int result = handleRequest(request, size, data, replyFlag);
+    try {
+        reply = replyText(result, data, replyFlag);
+    } catch (const std::exception& e) {
+        Logger::log(Logger::ERR, "ServerJsonApi: cannot write the reply: %s", e.what());
+        reply = replyText(IpcResult::ERROR_INVALID_PARAM, Json::Value(Json::objectValue), true);
+        return IpcResult::ERROR_INVALID_PARAM;
+    }
+    return result;
+}
+
+int ServerJsonApi::handleRequest(const char* text, size_t size, Json::Value& reply,
+                                 bool& replyFlag) {
     // A socket without the size limit (an inproc transport, or one not configured) still
     // refuses oversized requests here.
-    if (text.size() > static_cast<size_t>(MAX_REQUEST_SIZE)) {
-        Logger::log(Logger::ERR, "ServerJsonApi: invalid request: %zu bytes, more than %d",
-                    text.size(), MAX_REQUEST_SIZE);
+    if (size > static_cast<size_t>(MAX_REQUEST_SIZE)) {
+        Logger::log(Logger::ERR, "ServerJsonApi: invalid request: %zu bytes, more than %d", size,
+                    MAX_REQUEST_SIZE);
         return IpcResult::ERROR_INVALID_PARAM;
     }
     Json::Value request;
-    if (!JsonText::parse(text.data(), text.size(), request)) {
+    if (!JsonText::parse(text, size, request)) {
         Logger::log(Logger::ERR, "ServerJsonApi: invalid request: not JSON");
         return IpcResult::ERROR_INVALID_PARAM;
     }

@@ -22,6 +22,10 @@ class ServerJsonApi {
     // socket itself failed.
     int ipcPreProcessMsg(zmq::socket_t* socket);
 
+    // The same without the socket: answers one request text with the reply text that
+    // ipcPreProcessMsg would send. Returns the handler's result; never throws.
+    int answerRequest(const char* request, size_t size, std::string& reply);
+
     virtual int getCommandDescription(unsigned int code, std::string& out) = 0;
     // replyFlag starts true; a handler that clears it gets a reply without "data".
     virtual int ipcProcessMsg(IpcMsg& msg, Json::Value& reply, bool& replyFlag) = 0;
@@ -31,5 +35,5 @@ class ServerJsonApi {
 
   private:
     // Decodes one request and runs the handler; the result to send. Never throws.
-    int handleRequest(const std::string& text, Json::Value& reply, bool& replyFlag);
+    int handleRequest(const char* text, size_t size, Json::Value& reply, bool& replyFlag);
 };
