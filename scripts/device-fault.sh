@@ -28,6 +28,9 @@ faults of the simulated device's network (DIR: its folder, default build/device)
   ptp4l-kill    the device's ptp4l is killed (SIGKILL); after 10 silent status cycles the
                 daemon should report that no PTP port is usable
   ptp4l-start   the device's ptp4l starts again through its init script
+  ptp4l-stop    the device's ptp4l stops answering (SIGSTOP); each status cycle waits out
+                its queries, and after 10 failed cycles the daemon reports no usable port
+  ptp4l-cont    it goes on (SIGCONT)
   gm-switch     the grandmaster in charge gets a worse priority1, so that the second one
                 wins (again: back to the first); the device should follow the new one
   status        what runs, which grandmaster is in charge, the link
@@ -154,6 +157,20 @@ fault_ptp4l_kill() {
         "the state machine that no PTP port is usable: 'failure' (action mute-all)"
 }
 
+fault_ptp4l_signal() {
+    pid=$(device_ptp4l) || fail "the device's ptp4l does not run"
+    kill "-$1" "$pid"
+    if [ "$1" = STOP ]; then
+        echo "device-fault: the device's ptp4l (pid $pid) is stopped (SIGSTOP); 'ptp4l-cont' lets it go on"
+        expect "every status cycle fails after waiting for its replies (about 2 s each); after" \
+            "10 of them the state machine goes to 'failure' (action mute-all)"
+    else
+        echo "device-fault: the device's ptp4l (pid $pid) goes on (SIGCONT)"
+        expect "the status cycle reads it again at once; after a 'failure' the state machine" \
+            "goes 'slave-unstable', then 'slave-stable' (action resume-all)"
+    fi
+}
+
 fault_ptp4l_start() {
     if pid=$(device_ptp4l); then
         fail "the device's ptp4l runs already (pid $pid)"
@@ -208,7 +225,9 @@ fault_status() {
         describe_gm gm "grandmaster" "$(gm_id)"
     fi
     if pid=$(device_ptp4l); then
-        echo "  device ptp4l  running (pid $pid), log $ROOT/var/log/ptp4l.log"
+        what=running
+        [ "$(ptp4l_state "$pid")" != T ] || what=stopped
+        echo "  device ptp4l  $what (pid $pid), log $ROOT/var/log/ptp4l.log"
     else
         echo "  device ptp4l  not running"
     fi
@@ -244,7 +263,8 @@ done
 [ ! -d "$DIR" ] || DIR=$(cd "$DIR" && pwd -P)
 
 case "$fault" in
-gm-stop | gm-cont | link-down | link-up | ptp4l-kill | ptp4l-start | gm-switch | status) ;;
+gm-stop | gm-cont | link-down | link-up | ptp4l-kill | ptp4l-start | ptp4l-stop | ptp4l-cont) ;;
+gm-switch | status) ;;
 *) fail "unknown fault '$fault'; try --help" ;;
 esac
 load
@@ -255,6 +275,8 @@ link-down) fault_link down ;;
 link-up) fault_link up ;;
 ptp4l-kill) fault_ptp4l_kill ;;
 ptp4l-start) fault_ptp4l_start ;;
+ptp4l-stop) fault_ptp4l_signal STOP ;;
+ptp4l-cont) fault_ptp4l_signal CONT ;;
 gm-switch) fault_gm_switch ;;
 status) fault_status ;;
 esac
