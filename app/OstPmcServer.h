@@ -38,6 +38,8 @@ class OstPmcServer : ServerJsonApi, FileMgr {
 
     int getCommandDescription(unsigned int code, std::string& out) override;
     int ipcProcessMsg(IpcMsg& msg, Json::Value& reply, bool& replyFlag) override;
+    // One request text answered as the request socket would answer it (fuzzing, tests).
+    using ServerJsonApi::answerRequest;
 
     int getPtpInfo(Json::Value& out);
     int getPtpRunningCfg(Json::Value& out);
