@@ -53,6 +53,11 @@ int defaultFile(const PtpProfile& profile, std::string& path) {
 }
 
 bool isInstallable(const std::string& path) {
+    // A name with a NUL byte names no file: open() would see only what comes before it, and
+    // the shell would get a command cut short.
+    if (path.find('\0') != std::string::npos) {
+        return false;
+    }
     // Non-blocking, so that opening a FIFO without a writer does not hang the daemon.
     const int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     if (fd < 0) {
