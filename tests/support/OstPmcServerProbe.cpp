@@ -123,18 +123,25 @@ Json::Value OstPmcServerProbe::request(unsigned int code, const Json::Value& dat
     Json::Value envelope(Json::objectValue);
     envelope["cmd"] = code;
     envelope["data"] = data;
-    m_client->send(zmq::buffer(JsonText::compact(envelope)));
-    zmq::pollitem_t item{m_server->m_ipc_socket->handle(), 0, ZMQ_POLLIN, 0};
-    if (zmq::poll(&item, 1, std::chrono::milliseconds(ANSWER_TIMEOUT_MS)) != 1) {
-        return Json::Value();
-    }
-    m_server->ipcPreProcessMsg(m_server->m_ipc_socket);
-    zmq::message_t reply;
     Json::Value out;
-    if (!m_client->recv(reply) || !parse(reply.to_string(), out)) {
+    if (!parse(requestText(JsonText::compact(envelope)), out)) {
         return Json::Value();
     }
     return out;
+}
+
+std::string OstPmcServerProbe::requestText(const std::string& frame) {
+    m_client->send(zmq::buffer(frame));
+    zmq::pollitem_t item{m_server->m_ipc_socket->handle(), 0, ZMQ_POLLIN, 0};
+    if (zmq::poll(&item, 1, std::chrono::milliseconds(ANSWER_TIMEOUT_MS)) != 1) {
+        return "";
+    }
+    m_server->ipcPreProcessMsg(m_server->m_ipc_socket);
+    zmq::message_t reply;
+    if (!m_client->recv(reply)) {
+        return "";
+    }
+    return reply.to_string();
 }
 
 std::vector<OstPmcServerProbe::Publication> OstPmcServerProbe::publications() {

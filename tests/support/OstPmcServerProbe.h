@@ -59,6 +59,9 @@ class OstPmcServerProbe {
     int result(unsigned int code, const Json::Value& data = Json::Value()) {
         return request(code, data)["result"].asInt();
     }
+    // One frame of any bytes through the request socket; the reply's text, or "" when none
+    // came.
+    std::string requestText(const std::string& frame);
     // What the server published since the last call, oldest first.
     std::vector<Publication> publications();
     // The init script's runs so far, one line each ("restart", "stop", ...).
