@@ -127,7 +127,7 @@ void FakePtp4l::answer(const Bytes& bytes, const sockaddr_un& from, socklen_t fr
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         m_requests.push_back(request);
-        if (m_model.silent || request.domain != m_model.domain) {
+        if (m_model.silent || (request.domain != m_model.domain && !m_model.anyDomain)) {
             return;
         }
         replies = repliesTo(request);
@@ -141,7 +141,7 @@ void FakePtp4l::answer(const Bytes& bytes, const sockaddr_un& from, socklen_t fr
 // Called with the lock held.
 std::vector<Bytes> FakePtp4l::repliesTo(const Request& r) {
     Model& m = m_model;
-    const uint8_t domain = m.domain;
+    const uint8_t domain = m.anyDomain ? r.domain : m.domain;
     auto data = [&](const Bytes& payload) { return reply(domain, 2, mgmtTlv(r.id, payload)); };
     auto refuse = [&](uint16_t errorId) {
         return reply(domain, 2, tlv(2, cat({be(errorId, 2), be(r.id, 2), Bytes(4, 0)})));

@@ -49,6 +49,9 @@ struct FakePtp4lModel {
     std::set<uint16_t> ignoredSets;  // echoed as if applied, but nothing changes
     std::set<uint16_t> refusedGets;
     bool silent = false;  // answers nothing, as a stopped ptp4l
+    // Answers every domain in the asker's own, as if each restart had brought ptp4l up in the
+    // domain the server then talks in.
+    bool anyDomain = false;
 };
 
 // Stands in for a running ptp4l's management socket: answers every request as it arrives,
