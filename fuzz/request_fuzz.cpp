@@ -8,6 +8,7 @@
 // tests/support/private-net.sh: the server binds the fixed ports and the stand-in mounts.
 #include <dirent.h>
 #include <netinet/in.h>
+#include <signal.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -16,6 +17,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <iterator>
 #include <memory>
 #include <set>
 #include <string>
@@ -40,6 +42,7 @@ namespace {
 // and brings back the paths of a server whose ptp4l was never started.
 constexpr int INPUTS_PER_SERVER = 2000;
 const char* const COPY_PREFIX = "OSTPMC Initializing ptp4l ... ";
+const int TERMINATING_SIGNALS[] = {SIGINT, SIGTERM, SIGQUIT, SIGHUP};
 const char* const SHIPPED_FILES[] = {"ptpDefaultProfile.cfg", "ptpSmpteProfile.cfg",
                                      "ptpAvbProfile.cfg", "ptpAesProfile.cfg"};
 
@@ -283,6 +286,13 @@ class RequestHarness {
     ServerJsonApi& requestApi() { return (ServerJsonApi&)*m_server; }
 
     void buildServer() {
+        // The server takes the terminating signals for a main loop that never runs here, and
+        // gives back on its end what it found: libFuzzer keeps them throughout, so that an
+        // interrupted run still ends with its figures.
+        struct sigaction fuzzer[std::size(TERMINATING_SIGNALS)];
+        for (size_t i = 0; i < std::size(TERMINATING_SIGNALS); ++i) {
+            sigaction(TERMINATING_SIGNALS[i], nullptr, &fuzzer[i]);
+        }
         if (m_server) {
             m_server.reset();  // stops its ptp4l
             for (const std::string& run : m_audit.scriptRuns()) {
@@ -300,6 +310,9 @@ class RequestHarness {
             // Its destructor relies on a completed init(): never run it.
             m_server.release();
             fail("the server did not start", "init() failed");
+        }
+        for (size_t i = 0; i < std::size(TERMINATING_SIGNALS); ++i) {
+            sigaction(TERMINATING_SIGNALS[i], &fuzzer[i], nullptr);
         }
         m_inputs = 0;
     }

@@ -12,6 +12,8 @@ dir=$(mktemp -d "${TMPDIR:-/tmp}/ostpmc-request-fuzz-XXXXXX") || exit 1
 # A crashed run cannot remove the clock-driver stand-in's directory itself; like the stand-in,
 # remove those whose owner is gone.
 cleanup() {
+    # The stand-in may not have unmounted yet; this mount namespace is the run's own.
+    umount -l "$dir/root/dev" 2>/dev/null
     rm -rf "$dir"
     for standin in /tmp/ostpmc-phc-*; do
         owner=${standin#/tmp/ostpmc-phc-}
