@@ -6,6 +6,7 @@
 #include <signal.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <tuple>
 
 #include "LiveSupport.h"
@@ -128,6 +129,25 @@ TEST(LiveSlave, ReadsWhatPtp4lRunsAndItsSetsChangeIt) {
 TEST(LiveRestart, QueriesFailWhileNoPtp4lListensAndRecoverWhenItStarts) {
     const std::string root = SysRoot::prefix();
     ASSERT_FALSE(root.empty()) << "OSTPMC_SYSROOT must name a test root";
+    // The root is the build tree's: whatever ends the test (after the bed, hence ptp4l, is
+    // down), it goes back to the empty var/run the build made, without the profile files, the
+    // log or the socket files that a killed ptp4l or the client leave.
+    struct RootReset {
+        std::string root;
+        ~RootReset() {
+            namespace fs = std::filesystem;
+            std::error_code ignored;
+            for (const fs::directory_entry& entry : fs::directory_iterator(root, ignored)) {
+                if (entry.path().filename() != "var") {
+                    fs::remove_all(entry.path(), ignored);
+                }
+            }
+            for (const fs::directory_entry& entry :
+                 fs::directory_iterator(root + "/var/run", ignored)) {
+                fs::remove_all(entry.path(), ignored);
+            }
+        }
+    } reset{root};
     Ptp4lBed::Options options;
     options.startSlave = false;
     Ptp4lBed bed(options);  // taking it down ends whatever runs in its namespaces
