@@ -223,7 +223,7 @@ class ScriptedPtp4l {
 struct Row {
     const char* what = "";
     long count = 0;
-    Footprint start, end;
+    Footprint start, half, end;  // half: after half the count, to tell growth from noise
     double seconds = 0;
     std::string notes;
 };
@@ -257,7 +257,9 @@ Row soakTicks(const Options& options) {
     run(options.warmup);
     row.start = footprint();
     const Clock::time_point begin = Clock::now();
-    run(options.ticks);
+    run(options.ticks / 2);
+    row.half = footprint();
+    run(options.ticks - options.ticks / 2);
     row.seconds = std::chrono::duration<double>(Clock::now() - begin).count();
     row.end = footprint();
     row.count = options.ticks;
@@ -316,7 +318,9 @@ Row soakRequests(const Options& options) {
     run(static_cast<long>(std::max<size_t>(kinds.size(), static_cast<size_t>(options.warmup))));
     row.start = footprint();
     const Clock::time_point begin = Clock::now();
-    run(options.requests);
+    run(options.requests / 2);
+    row.half = footprint();
+    run(options.requests - options.requests / 2);
     row.seconds = std::chrono::duration<double>(Clock::now() - begin).count();
     row.end = footprint();
     row.count = options.requests;
@@ -329,13 +333,14 @@ Row soakRequests(const Options& options) {
 }
 
 void print(const std::vector<Row>& rows) {
-    std::printf("%-17s %7s %11s %11s %8s %9s %9s %7s %8s\n", "", "count", "heap start", "heap end",
-                "diff B", "RSS start", "RSS end", "diff", "us each");
+    std::printf("%-17s %7s %11s %11s %11s %8s %9s %9s %9s %8s\n", "", "count", "heap start",
+                "heap half", "heap end", "end-start", "RSS start", "RSS half", "RSS end",
+                "us each");
     for (const Row& r : rows) {
-        std::printf("%-17s %7ld %11zu %11zu %+8lld %6ld kB %6ld kB %+4ld kB %8.1f\n", r.what,
-                    r.count, r.start.heap, r.end.heap,
+        std::printf("%-17s %7ld %11zu %11zu %11zu %+8lld %6ld kB %6ld kB %6ld kB %8.1f\n", r.what,
+                    r.count, r.start.heap, r.half.heap, r.end.heap,
                     static_cast<long long>(r.end.heap) - static_cast<long long>(r.start.heap),
-                    r.start.rssKiB, r.end.rssKiB, r.end.rssKiB - r.start.rssKiB,
+                    r.start.rssKiB, r.half.rssKiB, r.end.rssKiB,
                     r.count ? r.seconds * 1e6 / static_cast<double>(r.count) : 0.0);
     }
     for (const Row& r : rows) {
