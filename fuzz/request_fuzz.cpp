@@ -254,6 +254,13 @@ class RequestHarness {
         }
         m_model.anyDomain = true;
         m_ptp4l = std::make_unique<FakePtp4l>(m_root.file("/var/run/ptp4l"), m_model);
+        // libFuzzer's time-out alarm would break the server's waits for ptp4l's replies with
+        // EINTR, which the device never sees. The fake's thread, started above with the signal
+        // open, takes it instead; every thread started from here on has it blocked.
+        sigset_t alarm;
+        sigemptyset(&alarm);
+        sigaddset(&alarm, SIGALRM);
+        pthread_sigmask(SIG_BLOCK, &alarm, nullptr);
         buildServer();
     }
 

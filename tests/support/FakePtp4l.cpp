@@ -6,6 +6,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstring>
 #include <stdexcept>
 
@@ -101,7 +102,15 @@ bool FakePtp4l::sendTo(const std::string& clientPath, const Bytes& datagram) con
 void FakePtp4l::serve() {
     pollfd fds[2] = {{m_fd, POLLIN, 0}, {m_stop[0], POLLIN, 0}};
     uint8_t buf[2048];
-    while (poll(fds, 2, -1) >= 0 && !(fds[1].revents & POLLIN)) {
+    for (;;) {
+        // A signal taken by this thread (a fuzzer's time-out alarm) must not end the service.
+        const int ready = poll(fds, 2, -1);
+        if (ready < 0 && errno == EINTR) {
+            continue;
+        }
+        if (ready < 0 || (fds[1].revents & POLLIN)) {
+            break;
+        }
         sockaddr_un from = {};
         socklen_t fromLength = sizeof(from);
         const ssize_t n = recvfrom(m_fd, buf, sizeof(buf), MSG_DONTWAIT,
