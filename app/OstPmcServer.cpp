@@ -92,10 +92,15 @@ int OstPmcServer::mainLoop() {
             if (item.revents == 0) {
                 continue;
             }
+            if (item.socket != nullptr && item.socket == m_ipc_socket->handle()) {
+                ipcPreProcessMsg(m_ipc_socket);
+                continue;
+            }
+            // A status cycle, the system defaults, anything but a request may change what a
+            // kept reply shows.
+            dropKeptReplies();
             if (m_process_basics.processSignalHandlerFd(item)) {
                 Logger::log(Logger::NTF, "OSTPMC: Signal handler detected event");
-            } else if (item.socket != nullptr && item.socket == m_ipc_socket->handle()) {
-                ipcPreProcessMsg(m_ipc_socket);
             } else if (item.socket == nullptr && m_timer.processTimerFd(item)) {
                 monitorPTPStatus();
             } else {

@@ -84,6 +84,10 @@ class OstPmcServer : ServerJsonApi, FileMgr {
     void reportSilentPtp4l();
     // The health of the status cycle and the state machine's state, for operators.
     void serializeMonitor(Json::Value& out) const;
+    // The status, the running configuration and the statistics are kept as reply texts; every
+    // member that changes one of them calls dropKeptReplies() (the main loop for each event
+    // that is not a request, ServerJsonApi after each request that is not kept).
+    bool isReplyKept(unsigned int code) override;
 
     PollFds m_poll_fds;
     ProcessBasics m_process_basics;

@@ -43,6 +43,20 @@ int OstPmcServer::ipcProcessMsg(IpcMsg& msg, Json::Value& reply, bool& /*replyFl
     return IpcResult::ERROR_INVALID_PARAM;
 }
 
+bool OstPmcServer::isReplyKept(unsigned int code) {
+    switch (code) {
+        case OSTPMC_GET_PTP_INFO:
+        case OSTPMC_GET_RUNNING_CFG:
+            return true;
+        case OSTPMC_GET_PTP_STATS:
+            // The board model may change with the system defaults at any time: asked anew.
+            return boardHasStats();
+        default:
+            // The debug info tells the time since the last good cycle.
+            return false;
+    }
+}
+
 int OstPmcServer::getCommandDescription(unsigned int code, std::string& out) {
     return OstPmcCommands::describe(code, out);
 }

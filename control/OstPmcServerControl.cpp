@@ -67,6 +67,7 @@ int OstPmcServer::setAvbMode(const PtpProfile& profile) {
 }
 
 int OstPmcServer::setPtpSlaveOnly(bool slaveOnly) {
+    dropKeptReplies();
     if (m_ptp_cfg.slaveOnly == static_cast<int32_t>(slaveOnly)) {
         return 0;
     }
@@ -83,6 +84,7 @@ int OstPmcServer::setPtpSlaveOnly(bool slaveOnly) {
 }
 
 int OstPmcServer::setPtpConfig(OstPmcPtpCfg& cfg) {
+    dropKeptReplies();
     int rc = startPtp4l(cfg);
     if (rc < 0) {
         return logCheck(CONFIG_FUNCTION, 506, rc);
@@ -148,6 +150,7 @@ int OstPmcServer::setPtpConfig(OstPmcPtpCfg& cfg) {
 }
 
 int OstPmcServer::setPtpParameter(Json::Value& request) {
+    dropKeptReplies();
     bool applied = false;
     int rc;
     if (given(request, "domain")) {
@@ -236,6 +239,7 @@ int OstPmcServer::setPtpParameter(Json::Value& request) {
 }
 
 int OstPmcServer::setPtpRunningCfg(Json::Value& request) {
+    dropKeptReplies();
     OstPmcPtpCfg cfg;
     cfg.Deserialize(request);
     Logger::log(Logger::INF, "setPtpRunningCfg profile: %s", cfg.profile.toString().c_str());

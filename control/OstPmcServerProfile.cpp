@@ -18,6 +18,7 @@ int OstPmcServer::getPtpDefaultConfigFile(const PtpProfile& profile, std::string
 }
 
 int OstPmcServer::extractPtpDomainFromProfileCfgFile(const OstPmcPtpCfg& cfg, uint8_t& domain) {
+    dropKeptReplies();
     std::string path;
     if (cfg.m_cfg_path.empty()) {
         const int rc = ProfileFiles::defaultFile(cfg.profile, path);

@@ -5,6 +5,7 @@
 #include "ptp4lMng.h"
 
 int OstPmcServer::setPtpDomain(uint8_t domain) {
+    dropKeptReplies();
     const int rc = m_ptp4l_mng->set_domain(domain);
     if (rc < 0) {
         return logCheck("int OstPmcServer::setPtpDomain(uint8_t)", 114, rc);
@@ -14,6 +15,7 @@ int OstPmcServer::setPtpDomain(uint8_t domain) {
 }
 
 int OstPmcServer::setPtpPriority1(uint8_t value) {
+    dropKeptReplies();
     const int rc = m_ptp4l_mng->set_priority1(value);
     if (rc < 0) {
         return logCheck("int OstPmcServer::setPtpPriority1(uint8_t)", 122, rc);
@@ -23,6 +25,7 @@ int OstPmcServer::setPtpPriority1(uint8_t value) {
 }
 
 int OstPmcServer::setPtpPriority2(uint8_t value) {
+    dropKeptReplies();
     const int rc = m_ptp4l_mng->set_priority2(value);
     if (rc < 0) {
         return logCheck("int OstPmcServer::setPtpPriority2(uint8_t)", 130, rc);
@@ -59,6 +62,7 @@ int OstPmcServer::setPtpSyncInterval(int port, int8_t value) {
 }
 
 OstPmcPtpPortCfg& OstPmcServer::portCfg(int port) {
+    dropKeptReplies();
     const auto number = static_cast<int8_t>(port);
     for (OstPmcPtpPortCfg& entry : m_ptp_cfg.ports) {
         if (entry.port == number) {

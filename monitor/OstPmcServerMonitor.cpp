@@ -83,6 +83,7 @@ int OstPmcServer::getPtpPortInfo(PtpBasePortInfo& info, int portNumber) {
 }
 
 int OstPmcServer::refreshPtpStatus() {
+    dropKeptReplies();
     PtpCommonInfo& status = m_ptp_common_info;
     defaultDS ds;
     int rc = m_ptp4l_mng->get_default_ds(ds);
@@ -134,6 +135,7 @@ int OstPmcServer::refreshPtpStatus() {
 }
 
 int OstPmcServer::refreshPtpStats(bool fetch) {
+    dropKeptReplies();
     if (fetch) {
         statsResultsDS ds;
         const int rc = m_ptp4l_mng->get_stats_results_ds(ds);
@@ -153,6 +155,7 @@ int OstPmcServer::refreshPtpStats(bool fetch) {
 }
 
 int OstPmcServer::monitorPTPStatus() {
+    dropKeptReplies();
     // Replies are not matched to requests: one that came after its request timed out would
     // answer this cycle's first request, and every later one would be a reply behind.
     discardQueuedReplies(*m_ptp4l_mng);
