@@ -32,6 +32,7 @@ int ClientJsonApi::openSocket() {
         socket->set(zmq::sockopt::linger, 0);
         socket->connect(address);
         m_socket = std::move(socket);
+        m_receive_timeout_ms = -1;
         return IpcResult::OK;
     } catch (const zmq::error_t& e) {
         Logger::log(Logger::ERR, "ClientJsonApi: cannot connect to %s: error %d (%s)",
@@ -55,18 +56,14 @@ int ClientJsonApi::sendMessage(IpcMsg& msg, Json::Value& reply) {
         return fail(IpcResult::ERROR_NOT_CONNECTED);
     }
     try {
-        Json::Value request(Json::objectValue);
-        request["cmd"] = code;
-        if (!msg.getJsonData().isNull()) {
-            request["data"] = msg.getJsonData();
-        }
-        if (!m_socket->send(zmq::buffer(JsonText::compact(request)), zmq::send_flags::dontwait)) {
+        writeRequest(msg);
+        if (!m_socket->send(zmq::buffer(m_request_text), zmq::send_flags::dontwait)) {
             Logger::log(Logger::ERR, "ClientJsonApi: request %u: cannot send to %s now", code,
                         getIpcConnectAddress().c_str());
             return failAndReset(IpcResult::ERROR_TRANSPORT);
         }
         const int timeoutMs = getClientTimeout();
-        const int ready = waitForReply(timeoutMs);
+        const int ready = awaitReply(timeoutMs);
         if (ready < 0) {
             Logger::log(Logger::ERR, "ClientJsonApi: request %u: waiting for the reply failed: %s",
                         code, strerror(-ready));
@@ -88,20 +85,33 @@ int ClientJsonApi::sendMessage(IpcMsg& msg, Json::Value& reply) {
     return failAndReset(IpcResult::ERROR_TRANSPORT);
 }
 
-int ClientJsonApi::waitForReply(int timeoutMs) {
+void ClientJsonApi::writeRequest(const IpcMsg& msg) {
+    // The compact text of {"cmd": <code>, "data": <payload>}, members in key order, written
+    // without building that object first.
+    m_request_text.assign("{\"cmd\":");
+    m_writer.append(Json::Value(msg.getMsgCode()), m_request_text);
+    if (!msg.getJsonData().isNull()) {
+        m_request_text += ",\"data\":";
+        m_writer.append(msg.getJsonData(), m_request_text);
+    }
+    m_request_text += '}';
+}
+
+int ClientJsonApi::awaitReply(int timeoutMs) {
     using Clock = std::chrono::steady_clock;
     const auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
-    zmq_pollitem_t item{};
-    item.socket = m_socket->handle();
-    item.events = ZMQ_POLLIN;
     int waitMs = timeoutMs;
     for (;;) {
-        const int rc = zmq_poll(&item, 1, waitMs);
-        if (rc >= 0) {
-            return rc;
+        setReceiveTimeout(waitMs);
+        if (zmq_msg_recv(m_reply_frame.handle(), m_socket->handle(), 0) >= 0) {
+            return 1;
         }
-        if (zmq_errno() != EINTR) {
-            return -zmq_errno();
+        const int error = zmq_errno();
+        if (error == EAGAIN) {
+            return 0;
+        }
+        if (error != EINTR) {
+            return -error;
         }
         // A signal cut the wait short: wait for the rest of the time only.
         if (timeoutMs >= 0) {
@@ -112,35 +122,40 @@ int ClientJsonApi::waitForReply(int timeoutMs) {
     }
 }
 
-int ClientJsonApi::receiveReply(unsigned int code, Json::Value& reply) {
-    zmq::message_t frame;
-    if (!m_socket->recv(frame, zmq::recv_flags::dontwait)) {
-        Logger::log(Logger::ERR, "ClientJsonApi: request %u: reply vanished", code);
-        return failAndReset(IpcResult::ERROR_TRANSPORT);
+void ClientJsonApi::setReceiveTimeout(int timeoutMs) {
+    const int value = timeoutMs < 0 ? -1 : timeoutMs;
+    if (value != m_receive_timeout_ms) {
+        m_socket->set(zmq::sockopt::rcvtimeo, value);
+        m_receive_timeout_ms = value;
     }
+}
+
+int ClientJsonApi::receiveReply(unsigned int code, Json::Value& reply) {
     // Only the first frame is the reply; the rest is read so that the socket can send again.
-    while (frame.more()) {
+    bool more = m_reply_frame.more();
+    while (more) {
         zmq::message_t extra;
         if (!m_socket->recv(extra, zmq::recv_flags::dontwait)) {
             break;
         }
-        frame.swap(extra);
+        more = extra.more();
     }
 
     Json::Value envelope;
-    const bool decoded =
-        JsonText::parse(static_cast<const char*>(frame.data()), frame.size(), envelope) &&
-        envelope.isObject() && envelope["result"].isInt() &&
-        (envelope["data"].isNull() || envelope["data"].isObject());
+    const Json::Value& fields = envelope;  // reads without inserting members
+    const bool decoded = m_reader.parse(static_cast<const char*>(m_reply_frame.data()),
+                                        m_reply_frame.size(), envelope) &&
+                         envelope.isObject() && fields["result"].isInt() &&
+                         (fields["data"].isNull() || fields["data"].isObject());
     if (!decoded) {
         Logger::log(Logger::ERR, "ClientJsonApi: request %u: undecodable reply from %s", code,
                     getIpcConnectAddress().c_str());
         return fail(IpcResult::ERROR_BAD_REPLY);
     }
-    const int result = envelope["result"].asInt();
-    const Json::Value& text = envelope["resultText"];
+    const int result = fields["result"].asInt();
+    const Json::Value& text = fields["resultText"];
     m_last_result_text = text.isString() ? text.asString() : IpcResult::text(result);
-    if (envelope["data"].isObject()) {
+    if (fields["data"].isObject()) {
         reply.swap(envelope["data"]);
     }
     return result;

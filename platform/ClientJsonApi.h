@@ -7,6 +7,7 @@
 #include <zmq.hpp>
 
 #include "IpcMsg.h"
+#include "JsonText.h"
 
 // Request/reply client side: owns a REQ socket, sends one request and waits for its reply up
 // to getClientTimeout(). A lost reply resets the socket so that the next request works.
@@ -36,8 +37,14 @@ class ClientJsonApi {
 
   private:
     int openSocket();
-    // 1 when a reply is ready, 0 on time-out, a negative errno value when polling failed.
-    int waitForReply(int timeoutMs);
+    // Writes the request text of msg into m_request_text; throws what the writer throws.
+    void writeRequest(const IpcMsg& msg);
+    // Waits for the reply and receives its first frame into m_reply_frame, in one call where
+    // poll-then-receive needed several: 1 when it came, 0 on time-out, a negative errno value
+    // when receiving failed.
+    int awaitReply(int timeoutMs);
+    // Sets the socket's receive time-out unless it is set to that already.
+    void setReceiveTimeout(int timeoutMs);
     int receiveReply(unsigned int code, Json::Value& reply);
     // Records the client's own text for a local failure and returns code.
     int fail(int code);
@@ -46,5 +53,11 @@ class ClientJsonApi {
 
     zmq::context_t* m_context = nullptr;
     std::unique_ptr<zmq::socket_t> m_socket;
+    int m_receive_timeout_ms = -1;  // as a new socket has it
     std::string m_last_result_text;
+    // Built once and kept; the texts are kept so that their memory is reused.
+    JsonText::Reader m_reader;
+    JsonText::Writer m_writer;
+    std::string m_request_text;
+    zmq::message_t m_reply_frame;
 };
