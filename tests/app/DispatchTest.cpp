@@ -43,6 +43,23 @@ Json::Value parsed(const std::string& text) {
     return value;
 }
 
+// One request over a REQ socket of its own, as another process would send it; the reply's bytes.
+std::string exchange(zmq::context_t& context, const std::string& request) {
+    zmq::socket_t socket(context, zmq::socket_type::req);
+    socket.set(zmq::sockopt::linger, 0);
+    socket.set(zmq::sockopt::rcvtimeo, 5000);
+    socket.connect("tcp://127.0.0.1:5573");
+    socket.send(zmq::buffer(request));
+    zmq::message_t reply;
+    return socket.recv(reply) ? reply.to_string() : "";
+}
+
+std::string plainCompact(const Json::Value& value) {
+    Json::StreamWriterBuilder builder;
+    builder["indentation"] = "";
+    return Json::writeString(builder, value);
+}
+
 }  // namespace
 
 TEST_F(DaemonRequests, QueriesAnswerFromTheRecordsBeforePtp4lEverRan) {
@@ -66,6 +83,32 @@ TEST_F(DaemonRequests, QueriesAnswerFromTheRecordsBeforePtp4lEverRan) {
     ASSERT_EQ(0, m_client.getInternalDebugInfo(debug));
     EXPECT_EQ(status, debug["status"]);
     EXPECT_EQ(config["ptp"], debug["running-cfg"]);
+}
+
+// The daemon's own loop: replies are the plain compact text of their envelope, the same bytes
+// each time while nothing changes, and follow the system defaults as soon as they change.
+TEST_F(DaemonRequests, RepliesOnTheSocketAreTheCompactTextOfTheEnvelope) {
+    start(3);
+    for (const char* request : {"{\"cmd\":0}", "{\"cmd\":2}", "{\"cmd\":4}", "{\"cmd\":5}"}) {
+        SCOPED_TRACE(request);
+        const std::string reply = exchange(m_context, request);
+        EXPECT_EQ(plainCompact(parsed(reply)), reply);
+        EXPECT_EQ(0, parsed(reply)["result"].asInt());
+    }
+    EXPECT_EQ(exchange(m_context, "{\"cmd\":0}"), exchange(m_context, "{\"cmd\":0}"));
+    const std::string refused =
+        "{\"data\":{},\"result\":-8,\"resultText\":\"ERROR_INVALID_PARAM\"}";
+    EXPECT_EQ(refused, exchange(m_context, "{\"cmd\":0,\"data\":[]}"));
+    EXPECT_EQ(refused, exchange(m_context, "{\"cmd\":6}"));
+
+    m_daemon->root().writeSystemDefaults(4);
+    EXPECT_TRUE(eventually(
+        [&] {
+            return exchange(m_context, "{\"cmd\":4}") ==
+                   "{\"data\":{},\"result\":-29,\"resultText\":"
+                   "\"ERROR_NOT_AVAILABLE_ON_THIS_BOARD\"}";
+        },
+        5000));
 }
 
 TEST_F(DaemonRequests, UnknownCodesAreRefusedAndLogged) {

@@ -2,14 +2,20 @@
 // client copes with lost, refused and undecodable replies, and what subscribers receive.
 #include <gtest/gtest.h>
 
+#include <pthread.h>
+#include <signal.h>
+
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
+#include <limits>
 #include <stdexcept>
 #include <thread>
 
 #include "ClientJsonApi.h"
 #include "IpcResult.h"
+#include "JsonText.h"
 #include "Logger.h"
 #include "PublishJsonServer.h"
 #include "ServerJsonApi.h"
@@ -18,6 +24,8 @@ namespace {
 
 // Every request is echoed first, so a failed one shows whether its partial reply is dropped.
 // Code 1 fails as a handler reading a wrong-shaped payload does; unknown codes throw no exception.
+// Code 2 answers how often its handler ran, and its reply is kept; it fails while failKept is set.
+// Code 7 answers late.
 struct TestServer : ServerJsonApi {
     int getCommandDescription(unsigned int, std::string&) override { return 0; }
     int ipcProcessMsg(IpcMsg& msg, Json::Value& reply, bool&) override {
@@ -27,11 +35,25 @@ struct TestServer : ServerJsonApi {
                 return 0;
             case 1:
                 throw std::runtime_error("no n");
+            case 2:
+                reply["runs"] = ++keptRuns;
+                if (failKept) {
+                    throw std::runtime_error("kept failed");
+                }
+                return 0;
+            case 7:
+                std::this_thread::sleep_for(std::chrono::milliseconds(300));
+                return 0;
             case 29:
                 return IpcResult::ERROR_NOT_AVAILABLE;
         }
         throw 42;
     }
+    bool isReplyKept(unsigned int code) override { return code == 2; }
+    using ServerJsonApi::dropKeptReplies;
+
+    int keptRuns = 0;
+    bool failKept = false;
 };
 
 struct TestClient : ClientJsonApi {
@@ -170,6 +192,46 @@ TEST_F(RequestReply, ClientRecoversFromLostReplyAndPassesResultsThrough) {
     EXPECT_EQ(client.getLastResultText(), "ERROR_NOT_AVAILABLE_ON_THIS_BOARD");
 }
 
+void onSignal(int) {}
+
+// The client waits in one blocking receive: a signal that interrupts it neither fails the
+// request nor stretches or shortens its time-out.
+TEST_F(RequestReply, SignalsDuringTheWaitAreSatOut) {
+    struct sigaction action {
+    }, previous{};
+    action.sa_handler = onSignal;  // no SA_RESTART: the wait returns EINTR
+    sigemptyset(&action.sa_mask);
+    ASSERT_EQ(0, sigaction(SIGUSR1, &action, &previous));
+    const pthread_t waiting = pthread_self();
+    auto interruptSoon = [waiting] {
+        return std::thread([waiting] {
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+            pthread_kill(waiting, SIGUSR1);
+        });
+    };
+    startServing();
+    TestClient client(m_endpoint, 5000);
+    ASSERT_EQ(client.init(m_context), 0);
+    Json::Value reply;
+    IpcMsg late(7);
+    std::thread signaller = interruptSoon();
+    EXPECT_EQ(client.sendMessage(late, reply), 0);
+    signaller.join();
+
+    // While the server is busy with another client's late request, this one times out all the
+    // same, and not before its time.
+    std::thread busy([this] { exchange({"{\"cmd\":7}"}); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    client.timeoutMs = 200;
+    signaller = interruptSoon();
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(client.sendMessage(late, reply), IpcResult::ERROR_TIMEOUT);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(190));
+    signaller.join();
+    busy.join();
+    sigaction(SIGUSR1, &previous, nullptr);
+}
+
 TEST_F(RequestReply, ClientRejectsUndecodableRepliesAndMissingConnection) {
     startServing({"garbage", "{\"result\":\"0\"}", "{\"result\":5,\"data\":{\"x\":1}}"});
     TestClient client(m_endpoint, 5000);
@@ -191,6 +253,88 @@ TEST_F(RequestReply, ClientRejectsUndecodableRepliesAndMissingConnection) {
     TestClient badAddress("tcp://no-port-here", 100);
     EXPECT_EQ(badAddress.init(m_context), IpcResult::ERROR_NOT_CONNECTED);
     EXPECT_TRUE(log.containsFragment("ClientJsonApi: cannot connect to tcp://no-port-here"));
+}
+
+TEST(KeptReplies, SentAgainUntilDroppedOrAnotherRequestRan) {
+    TestServer server;
+    auto ask = [&](const std::string& request) {
+        std::string reply;
+        server.answerRequest(request.data(), request.size(), reply);
+        return reply;
+    };
+    const std::string kept = "{\"cmd\":2}";
+    const std::string first =
+        "{\"data\":{\"echo\":null,\"runs\":1},\"result\":0,\"resultText\":\"OK\"}";
+    EXPECT_EQ(first, ask(kept));
+    EXPECT_EQ(first, ask(kept));
+    EXPECT_EQ(first, ask("{\"cmd\":2,\"data\":{\"x\":1}}")) << "kept whatever the payload";
+    EXPECT_EQ(1, server.keptRuns);
+    server.dropKeptReplies();
+    EXPECT_NE(std::string::npos, ask(kept).find("\"runs\":2"));
+
+    // Any other request that reached its handler may have changed what the kept reply shows,
+    // even one that failed; a request refused before any handler ran changed nothing.
+    ask("{\"cmd\":0}");
+    EXPECT_NE(std::string::npos, ask(kept).find("\"runs\":3"));
+    ask("{\"cmd\":1}");
+    EXPECT_NE(std::string::npos, ask(kept).find("\"runs\":4"));
+    ask("not json");
+    ask("{\"cmd\":2,\"data\":5}");
+    EXPECT_NE(std::string::npos, ask(kept).find("\"runs\":4"));
+
+    // A failed answer is never kept.
+    server.dropKeptReplies();
+    server.failKept = true;
+    const std::string failed = "{\"data\":{},\"result\":-8,\"resultText\":\"ERROR_INVALID_PARAM\"}";
+    EXPECT_EQ(failed, ask(kept));
+    server.failKept = false;
+    EXPECT_NE(std::string::npos, ask(kept).find("\"runs\":6"));
+}
+
+TEST(JsonText, KeptReaderAndWriterAgreeWithTheOneShotFunctions) {
+    Json::Value values(Json::arrayValue);
+    values.append(Json::Value(Json::objectValue));
+    values.append(Json::Value(Json::arrayValue));
+    values.append(Json::Value());
+    values.append(0.1);
+    values.append(-0.0);
+    values.append(1e300);
+    values.append(-1500.25);
+    values.append(std::numeric_limits<Json::Int64>::min());
+    values.append(std::numeric_limits<Json::UInt64>::max());
+    values.append("quote \" backslash \\ control \x01 \xc3\xa9");
+    values.append(true);
+    Json::Value nested(Json::objectValue);
+    nested["b"]["list"] = values;
+    nested["a"] = "first by key";
+    values.append(nested);
+
+    Json::StreamWriterBuilder plain;
+    plain["indentation"] = "";
+    JsonText::Writer writer;
+    std::string appended = "head:";
+    std::string expected = "head:";
+    for (const Json::Value& value : values) {
+        const std::string text = Json::writeString(plain, value);
+        EXPECT_EQ(text, JsonText::compact(value));
+        writer.append(value, appended);
+        expected += text;
+    }
+    EXPECT_EQ(expected, appended) << "appends, and writes each value as the plain writer does";
+
+    // Too deep a nesting stops the reader with an exception; the kept reader goes on parsing.
+    JsonText::Reader reader;
+    Json::Value out = "untouched";
+    const std::string deep =
+        std::string(JsonText::MAX_DEPTH + 1, '[') + std::string(JsonText::MAX_DEPTH + 1, ']');
+    EXPECT_FALSE(reader.parse(deep.data(), deep.size(), out));
+    EXPECT_FALSE(reader.parse("{\"a\":1,\"a\":2}", 13, out));
+    EXPECT_EQ("untouched", out.asString());
+    EXPECT_TRUE(reader.parse(appended.data() + 5, Json::writeString(plain, values[0]).size(), out));
+    EXPECT_EQ(values[0], out);
+    const std::string all = Json::writeString(plain, values);
+    ASSERT_TRUE(reader.parse(all.data(), all.size(), out));
+    EXPECT_EQ(all, Json::writeString(plain, out));
 }
 
 TEST(PublishJsonServer, TopicFrameThenCompactJsonAndBindFailure) {
