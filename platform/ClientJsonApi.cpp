@@ -45,6 +45,7 @@ int ClientJsonApi::openSocket() {
 }
 
 int ClientJsonApi::sendMessage(IpcMsg& msg, Json::Value& reply) {
+    m_previous_reply.swap(reply);
     reply = Json::Value(Json::objectValue);
     const unsigned int code = msg.getMsgCode();
     if (!m_context) {
@@ -62,6 +63,7 @@ int ClientJsonApi::sendMessage(IpcMsg& msg, Json::Value& reply) {
                         getIpcConnectAddress().c_str());
             return failAndReset(IpcResult::ERROR_TRANSPORT);
         }
+        m_previous_reply = Json::Value();
         const int timeoutMs = getClientTimeout();
         const int ready = awaitReply(timeoutMs);
         if (ready < 0) {
@@ -141,24 +143,60 @@ int ClientJsonApi::receiveReply(unsigned int code, Json::Value& reply) {
         more = extra.more();
     }
 
-    Json::Value envelope;
-    const Json::Value& fields = envelope;  // reads without inserting members
-    const bool decoded = m_reader.parse(static_cast<const char*>(m_reply_frame.data()),
-                                        m_reply_frame.size(), envelope) &&
-                         envelope.isObject() && fields["result"].isInt() &&
-                         (fields["data"].isNull() || fields["data"].isObject());
-    if (!decoded) {
+    DecodedReply& decoded = decodedReply(code);
+    if (!decodeReply(decoded)) {
         Logger::log(Logger::ERR, "ClientJsonApi: request %u: undecodable reply from %s", code,
                     getIpcConnectAddress().c_str());
         return fail(IpcResult::ERROR_BAD_REPLY);
     }
-    const int result = fields["result"].asInt();
-    const Json::Value& text = fields["resultText"];
-    m_last_result_text = text.isString() ? text.asString() : IpcResult::text(result);
-    if (fields["data"].isObject()) {
-        reply.swap(envelope["data"]);
+    m_last_result_text = decoded.resultText;
+    if (decoded.data.isObject()) {
+        reply = decoded.data;
     }
-    return result;
+    return decoded.result;
+}
+
+bool ClientJsonApi::decodeReply(DecodedReply& decoded) {
+    const char* bytes = static_cast<const char*>(m_reply_frame.data());
+    const size_t size = m_reply_frame.size();
+    if (decoded.valid && decoded.text.size() == size &&
+        std::memcmp(decoded.text.data(), bytes, size) == 0) {
+        return true;
+    }
+    decoded.valid = false;
+    Json::Value envelope;
+    const Json::Value& fields = envelope;  // reads without inserting members
+    if (!m_reader.parse(bytes, size, envelope) || !envelope.isObject() ||
+        !fields["result"].isInt() || !(fields["data"].isNull() || fields["data"].isObject())) {
+        return false;
+    }
+    decoded.result = fields["result"].asInt();
+    const Json::Value& text = fields["resultText"];
+    decoded.resultText = text.isString() ? text.asString() : IpcResult::text(decoded.result);
+    decoded.data = Json::Value();
+    if (fields["data"].isObject()) {
+        decoded.data.swap(envelope["data"]);
+    }
+    decoded.text.assign(bytes, size);
+    decoded.valid = true;
+    return true;
+}
+
+ClientJsonApi::DecodedReply& ClientJsonApi::decodedReply(unsigned int code) {
+    for (DecodedReply& decoded : m_decoded) {
+        if (decoded.code == code) {
+            return decoded;
+        }
+    }
+    // A client asks a handful of codes; one that asks many shares the last entry among them.
+    constexpr size_t MOST_CODES = 8;
+    if (m_decoded.size() < MOST_CODES) {
+        m_decoded.emplace_back();
+    }
+    DecodedReply& decoded = m_decoded.back();
+    decoded.code = code;
+    decoded.valid = false;
+    return decoded;
 }
 
 int ClientJsonApi::fail(int code) {

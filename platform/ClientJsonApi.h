@@ -4,6 +4,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 #include <zmq.hpp>
 
 #include "IpcMsg.h"
@@ -46,6 +47,20 @@ class ClientJsonApi {
     // Sets the socket's receive time-out unless it is set to that already.
     void setReceiveTimeout(int timeoutMs);
     int receiveReply(unsigned int code, Json::Value& reply);
+    // The decoded reply last received for a request code.
+    struct DecodedReply {
+        unsigned int code = 0;
+        bool valid = false;
+        std::string text;  // the reply's bytes, as received
+        int result = 0;
+        std::string resultText;
+        Json::Value data;  // null when the reply had no "data" object
+    };
+    // Decodes m_reply_frame into decoded unless it holds these very bytes already: decoding
+    // costs far more than comparing, and a status asked again is mostly unchanged. False when
+    // the reply is not a reply envelope.
+    bool decodeReply(DecodedReply& decoded);
+    DecodedReply& decodedReply(unsigned int code);
     // Records the client's own text for a local failure and returns code.
     int fail(int code);
     // As fail, after replacing the socket: a REQ socket that lost its reply cannot send again.
@@ -60,4 +75,7 @@ class ClientJsonApi {
     JsonText::Writer m_writer;
     std::string m_request_text;
     zmq::message_t m_reply_frame;
+    std::vector<DecodedReply> m_decoded;
+    // The caller's previous reply, freed while the next request is on its way.
+    Json::Value m_previous_reply;
 };

@@ -192,6 +192,39 @@ TEST_F(RequestReply, ClientRecoversFromLostReplyAndPassesResultsThrough) {
     EXPECT_EQ(client.getLastResultText(), "ERROR_NOT_AVAILABLE_ON_THIS_BOARD");
 }
 
+// The client decodes a reply only when its bytes differ from the last reply to that code; the
+// data it hands out is always that of the bytes just received, and the caller's to change.
+TEST_F(RequestReply, EachReplyGivesTheDataOfItsOwnBytes) {
+    const std::string one = R"({"data":{"n":1},"result":0,"resultText":"OK"})";
+    startServing({one, one, R"({"data":{"n":2},"result":0,"resultText":"OK"})",
+                  R"({"data":{"n":3},"result":-29,"resultText":"three"})", "garbage", "garbage",
+                  R"({"result":0})", one});
+    TestClient client(m_endpoint, 5000);
+    ASSERT_EQ(client.init(m_context), 0);
+    Json::Value reply;
+    IpcMsg msg(0);
+    EXPECT_EQ(client.sendMessage(msg, reply), 0);
+    EXPECT_EQ(reply["n"], 1);
+    reply["n"] = 99;
+    EXPECT_EQ(client.sendMessage(msg, reply), 0);
+    EXPECT_EQ(reply["n"], 1) << "a change by the caller does not reach the next reply";
+    EXPECT_EQ(client.sendMessage(msg, reply), 0);
+    EXPECT_EQ(reply["n"], 2);
+    EXPECT_EQ(client.sendMessage(msg, reply), -29);
+    EXPECT_EQ(reply["n"], 3);
+    EXPECT_EQ(client.getLastResultText(), "three");
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_EQ(client.sendMessage(msg, reply), IpcResult::ERROR_BAD_REPLY) << i;
+        EXPECT_EQ(Json::Value(Json::objectValue), reply);
+    }
+    EXPECT_EQ(client.sendMessage(msg, reply), 0);
+    EXPECT_EQ(Json::Value(Json::objectValue), reply);
+    EXPECT_EQ(client.getLastResultText(), "OK");
+    IpcMsg other(5);
+    EXPECT_EQ(client.sendMessage(other, reply), 0);
+    EXPECT_EQ(reply["n"], 1);
+}
+
 void onSignal(int) {}
 
 // The client waits in one blocking receive: a signal that interrupts it neither fails the
