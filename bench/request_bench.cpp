@@ -218,12 +218,14 @@ class BenchClient : public OstPmcJsonClient {
     int getClientTimeout() override { return START_TIMEOUT_MS; }
 };
 
-class FloorClient {
+// A bare REQ socket sending REQUEST and receiving the reply's bytes, nothing decoded.
+class BareClient {
   public:
-    explicit FloorClient(zmq::context_t& context) : m_socket(context, zmq::socket_type::req) {
+    BareClient(zmq::context_t& context, const char* address)
+        : m_socket(context, zmq::socket_type::req) {
         m_socket.set(zmq::sockopt::linger, 0);
         m_socket.set(zmq::sockopt::rcvtimeo, START_TIMEOUT_MS);
-        m_socket.connect(FLOOR_ADDRESS);
+        m_socket.connect(address);
     }
     bool round() {
         m_socket.send(zmq::buffer(REQUEST, std::strlen(REQUEST)));
@@ -296,7 +298,9 @@ void run(const Options& options) {
     if (client.getPtp(reply) != 0) {
         throw std::runtime_error("the daemon did not answer GET PTP INFO");
     }
-    FloorClient floor(context);
+    BareClient floor(context, FLOOR_ADDRESS);
+    // The daemon without the client library: tells the server's share from the client's.
+    BareClient bare(context, DAEMON_ADDRESS);
     if (!floor.round()) {
         throw std::runtime_error("the floor server did not answer");
     }
@@ -309,19 +313,26 @@ void run(const Options& options) {
 
     auto viaClient = [&] { return client.getPtp(reply) == 0; };
     auto viaFloor = [&] { return floor.round(); };
+    auto viaBare = [&] { return bare.round(); };
     std::vector<double> warm;
     timeBatch(options.warmup, viaClient, warm);
     timeBatch(options.warmup, viaFloor, warm);
+    timeBatch(options.warmup, viaBare, warm);
 
-    std::vector<double> oursUs, floorUs, pairRatios;
-    oursUs.reserve(static_cast<size_t>(options.pairs * options.batch));
-    floorUs.reserve(static_cast<size_t>(options.pairs * options.batch));
-    std::printf("%5s %19s %19s %8s\n", "", "client+daemon (us)", "floor (us)", "ratio");
-    std::printf("%5s %9s %9s %9s %9s %8s\n", "pair", "p50", "p90", "p50", "p90", "p50s");
+    std::vector<double> oursUs, floorUs, bareUs, pairRatios;
+    for (std::vector<double>* all : {&oursUs, &floorUs, &bareUs}) {
+        all->reserve(static_cast<size_t>(options.pairs * options.batch));
+    }
+    std::printf("%5s %19s %19s %19s %8s\n", "", "client+daemon (us)", "floor (us)",
+                "bare+daemon (us)", "ratio");
+    std::printf("%5s %9s %9s %9s %9s %9s %9s %8s\n", "pair", "p50", "p90", "p50", "p90", "p50",
+                "p90", "p50s");
     for (int pair = 1; pair <= options.pairs; ++pair) {
-        std::vector<double> a, b;
-        a.reserve(static_cast<size_t>(options.batch));
-        b.reserve(static_cast<size_t>(options.batch));
+        std::vector<double> a, b, c;
+        for (std::vector<double>* batch : {&a, &b, &c}) {
+            batch->reserve(static_cast<size_t>(options.batch));
+        }
+        // Client and floor back to back, in turns first; the bare client after both.
         if (pair % 2 == 1) {
             timeBatch(options.batch, viaClient, a);
             timeBatch(options.batch, viaFloor, b);
@@ -329,18 +340,25 @@ void run(const Options& options) {
             timeBatch(options.batch, viaFloor, b);
             timeBatch(options.batch, viaClient, a);
         }
+        timeBatch(options.batch, viaBare, c);
         pairRatios.push_back(percentile(a, 0.5) / percentile(b, 0.5));
-        std::printf("%5d %9.2f %9.2f %9.2f %9.2f %8.3f\n", pair, percentile(a, 0.5),
-                    percentile(a, 0.9), percentile(b, 0.5), percentile(b, 0.9), pairRatios.back());
+        std::printf("%5d %9.2f %9.2f %9.2f %9.2f %9.2f %9.2f %8.3f\n", pair, percentile(a, 0.5),
+                    percentile(a, 0.9), percentile(b, 0.5), percentile(b, 0.9), percentile(c, 0.5),
+                    percentile(c, 0.9), pairRatios.back());
         oursUs.insert(oursUs.end(), a.begin(), a.end());
         floorUs.insert(floorUs.end(), b.begin(), b.end());
+        bareUs.insert(bareUs.end(), c.begin(), c.end());
     }
-    std::printf("%5s %9.2f %9.2f %9.2f %9.2f %8.3f\n", "all", percentile(oursUs, 0.5),
+    std::printf("%5s %9.2f %9.2f %9.2f %9.2f %9.2f %9.2f %8.3f\n", "all", percentile(oursUs, 0.5),
                 percentile(oursUs, 0.9), percentile(floorUs, 0.5), percentile(floorUs, 0.9),
+                percentile(bareUs, 0.5), percentile(bareUs, 0.9),
                 percentile(oursUs, 0.5) / percentile(floorUs, 0.5));
-    std::printf("ratio of p50s: %.3f over all samples, %.3f median of the pairs; p90s: %.3f\n",
-                percentile(oursUs, 0.5) / percentile(floorUs, 0.5), percentile(pairRatios, 0.5),
-                percentile(oursUs, 0.9) / percentile(floorUs, 0.9));
+    std::printf(
+        "ratio of p50s: %.3f over all samples, %.3f median of the pairs; p90s: %.3f; "
+        "bare client to the daemon: %.3f\n",
+        percentile(oursUs, 0.5) / percentile(floorUs, 0.5), percentile(pairRatios, 0.5),
+        percentile(oursUs, 0.9) / percentile(floorUs, 0.9),
+        percentile(bareUs, 0.5) / percentile(floorUs, 0.5));
 
     std::printf("\nheap allocations per request (%d requests each):\n", options.allocationRuns);
     std::printf("%-34s %10s %10s\n", "", "client", "server");
@@ -348,6 +366,9 @@ void run(const Options& options) {
         countAllocations(options.allocationRuns, viaFloor, FLOOR_SERVER);
     std::printf("%-34s %10.2f %10.2f\n", "floor (bare REQ/REP)", floorAllocations.client,
                 floorAllocations.server);
+    const Allocations bareAllocations = countAllocations(options.allocationRuns, viaBare, DAEMON);
+    std::printf("%-34s %10.2f %10.2f\n", "bare REQ to the daemon, GET PTP INFO",
+                bareAllocations.client, bareAllocations.server);
     const std::pair<const char*, std::function<bool()>> requests[] = {
         {"GET PTP INFO", viaClient},
         {"GET OstPmc running config", [&] { return client.getPtpRunningConfig(reply) == 0; }},
