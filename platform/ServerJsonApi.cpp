@@ -126,19 +126,20 @@ int ServerJsonApi::decodeRequest(const char* text, size_t size, unsigned int& co
         Logger::log(Logger::ERR, "ServerJsonApi: invalid request: not a JSON object");
         return IpcResult::ERROR_INVALID_PARAM;
     }
-    const Json::Value* cmd = request.find("cmd", "cmd" + 3);
-    if (!cmd || !cmd->isUInt()) {
+    const Json::Value& fields = request;  // reads without inserting members
+    const Json::Value& cmd = fields["cmd"];
+    if (!cmd.isUInt()) {
         Logger::log(Logger::ERR, "ServerJsonApi: invalid request: no unsigned \"cmd\"");
         return IpcResult::ERROR_INVALID_PARAM;
     }
-    code = cmd->asUInt();
-    const Json::Value* payload = request.find("data", "data" + 4);
-    if (payload && !payload->isNull() && !payload->isObject()) {
+    code = cmd.asUInt();
+    const Json::Value& payload = fields["data"];
+    if (!payload.isNull() && !payload.isObject()) {
         Logger::log(Logger::ERR, "ServerJsonApi: invalid request %u: \"data\" is not an object",
                     code);
         return IpcResult::ERROR_INVALID_PARAM;
     }
-    if (payload && payload->isObject()) {
+    if (payload.isObject()) {
         // The member exists: this finds it, it inserts nothing.
         data.swap(request["data"]);
     }
