@@ -76,6 +76,8 @@ int ServerJsonApi::answerRequest(const char* request, size_t size, std::string& 
     bool keep = false;
     Json::Value handlerReply;
     if (result == 0) {
+        // A kept reply answers at once. Any other handler that runs may change a record that a
+        // kept reply shows.
         keep = isReplyKept(code);
         KeptReply* kept = keep ? keptReply(code) : nullptr;
         if (kept && kept->valid) {
@@ -92,6 +94,7 @@ int ServerJsonApi::answerRequest(const char* request, size_t size, std::string& 
         }
     }
     try {
+        // No "data" when the handler cleared replyFlag; an empty one when no handler returned.
         const Json::Value* replyData = !replyFlag ? nullptr : returned ? &handlerReply : &m_no_data;
         writeReply(result, replyData, reply);
     } catch (const std::exception& e) {
