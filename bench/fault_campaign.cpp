@@ -25,11 +25,7 @@
 //
 // --parallel runs each kind on a device of its own at the same time, each in a network namespace
 // of its own (the daemon's ports are fixed). Needs root. Not a test: the figures are for people.
-#include <net/if.h>
-#include <sched.h>
 #include <signal.h>
-#include <sys/ioctl.h>
-#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -49,6 +45,7 @@
 #include <utility>
 #include <vector>
 
+#include "BenchSupport.h"
 #include "MgmtProbe.h"
 #include "OstPmcCommands.h"
 #include "SimDevice.h"
@@ -70,12 +67,6 @@ constexpr uint16_t PARENT_DATA_SET = 0x2002;
 constexpr size_t GRANDMASTER_IDENTITY_OFFSET = 24;  // in the PARENT_DATA_SET's data
 constexpr uint8_t PORT_STATE_SLAVE = 9;
 
-std::atomic<bool> g_stop{false};  // set by SIGINT/SIGTERM: no new fault, the device goes down
-
-void onSignal(int) {
-    g_stop = true;
-}
-
 double seconds(Clock::duration d) {
     return std::chrono::duration<double>(d).count();
 }
@@ -83,17 +74,17 @@ double seconds(Clock::duration d) {
 // Sleeps up to d; false when the campaign is being stopped.
 bool pause(Clock::duration d) {
     const auto end = Clock::now() + d;
-    while (!g_stop && Clock::now() < end) {
+    while (!bench::stopRequested() && Clock::now() < end) {
         std::this_thread::sleep_for(std::min<Clock::duration>(100ms, end - Clock::now()));
     }
-    return !g_stop;
+    return !bench::stopRequested();
 }
 
 // Polls cond every 100 ms for up to timeout; false on time-out or stop.
 bool waitFor(const std::function<bool()>& cond, Clock::duration timeout) {
     const auto end = Clock::now() + timeout;
     while (!cond()) {
-        if (g_stop || Clock::now() > end) {
+        if (bench::stopRequested() || Clock::now() > end) {
             return false;
         }
         std::this_thread::sleep_for(100ms);
@@ -130,16 +121,6 @@ bool parseJson(const std::string& text, Json::Value& out) {
     std::string errors;
     std::istringstream in(text);
     return Json::parseFromStream(builder, in, &out, &errors);
-}
-
-long rssKiB(pid_t pid) {
-    std::istringstream status(readText("/proc/" + std::to_string(pid) + "/status"));
-    for (std::string line; std::getline(status, line);) {
-        if (line.rfind("VmRSS:", 0) == 0) {
-            return std::atol(line.c_str() + 6);
-        }
-    }
-    return -1;
 }
 
 // A client of the daemon's own, as the device's media services are: "GET PTP INFO" every
@@ -305,16 +286,17 @@ class Campaign {
             return figures;
         }
         client.takeLongestWait();
-        figures.rssStart = rssKiB(m_device.daemon().pid());
-        for (int round = 0; round < count && !g_stop && Clock::now() < deadline; ++round) {
+        figures.rssStart = bench::rssKiB(m_device.daemon().pid());
+        for (int round = 0; round < count && !bench::stopRequested() && Clock::now() < deadline;
+             ++round) {
             for (const std::string& kind : m_kinds) {
-                if (g_stop || Clock::now() >= deadline) {
+                if (bench::stopRequested() || Clock::now() >= deadline) {
                     break;
                 }
                 runFault(kind, figures.kinds[kind]);
             }
         }
-        figures.rssEnd = rssKiB(m_device.daemon().pid());
+        figures.rssEnd = bench::rssKiB(m_device.daemon().pid());
         m_client = nullptr;
         m_notifications = nullptr;
         return figures;
@@ -554,22 +536,16 @@ DeviceFigures decode(const std::string& text) {
     return d;
 }
 
-// A network namespace of this process's own, with its loopback up: the daemon's ports are
-// fixed, and each parallel device has a daemon.
-bool privateNetwork() {
-    if (unshare(CLONE_NEWNET) != 0) {
-        perror("fault_campaign: unshare");
+// A network namespace of this process's own: the daemon's ports are fixed, and each parallel
+// device has a daemon.
+bool enterPrivateNetwork() {
+    try {
+        bench::enterPrivateNetwork();
+        return true;
+    } catch (const std::exception& e) {
+        fprintf(stderr, "fault_campaign: %s\n", e.what());
         return false;
     }
-    const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    ifreq ifr = {};
-    strncpy(ifr.ifr_name, "lo", IFNAMSIZ - 1);
-    const bool up = fd >= 0 && ioctl(fd, SIOCGIFFLAGS, &ifr) == 0 &&
-                    (ifr.ifr_flags |= IFF_UP, ioctl(fd, SIOCSIFFLAGS, &ifr) == 0);
-    if (fd >= 0) {
-        close(fd);
-    }
-    return up;
 }
 
 // Runs each kind on a device of its own, in a process and a network of its own.
@@ -590,7 +566,7 @@ std::vector<DeviceFigures> runParallel(const std::vector<std::string>& kinds, in
         if (pid == 0) {
             close(fds[0]);
             DeviceFigures figures;
-            if (privateNetwork()) {
+            if (enterPrivateNetwork()) {
                 figures = Campaign({kind}).run(count, deadline);
             } else {
                 figures.failure = "no network namespace of its own";
@@ -622,19 +598,28 @@ std::vector<DeviceFigures> runParallel(const std::vector<std::string>& kinds, in
     return results;
 }
 
+// Adds the figures of more faults of a kind.
+void add(KindFigures& total, const KindFigures& k) {
+    total.faults += k.faults;
+    total.survived += k.survived;
+    total.notifications += k.notifications;
+    total.unanswered += k.unanswered;
+    total.longestWait = std::max(total.longestWait, k.longestWait);
+    total.longestLag = std::max(total.longestLag, k.longestLag);
+    total.longestBack = std::max(total.longestBack, k.longestBack);
+    total.failures.insert(total.failures.end(), k.failures.begin(), k.failures.end());
+}
+
+void printRow(const char* kind, const KindFigures& k) {
+    printf("%-12s %7d %9d %14d %10.0f ms %11d %8.1f tks %9.1f s\n", kind, k.faults, k.survived,
+           k.notifications, k.longestWait * 1000, k.unanswered, k.longestLag, k.longestBack);
+}
+
 void printTable(const std::vector<DeviceFigures>& devices, double minutes) {
     std::map<std::string, KindFigures> total;
     for (const DeviceFigures& d : devices) {
         for (const auto& [kind, k] : d.kinds) {
-            KindFigures& t = total[kind];
-            t.faults += k.faults;
-            t.survived += k.survived;
-            t.notifications += k.notifications;
-            t.unanswered += k.unanswered;
-            t.longestWait = std::max(t.longestWait, k.longestWait);
-            t.longestLag = std::max(t.longestLag, k.longestLag);
-            t.longestBack = std::max(t.longestBack, k.longestBack);
-            t.failures.insert(t.failures.end(), k.failures.begin(), k.failures.end());
+            add(total[kind], k);
         }
     }
     printf("\nfault campaign: %.0f minutes, %zu device(s)\n\n", minutes, devices.size());
@@ -643,23 +628,12 @@ void printTable(const std::vector<DeviceFigures>& devices, double minutes) {
     KindFigures all;
     for (const char* kind : ALL_KINDS) {
         const auto it = total.find(kind);
-        if (it == total.end()) {
-            continue;
+        if (it != total.end()) {
+            printRow(kind, it->second);
+            add(all, it->second);
         }
-        const KindFigures& k = it->second;
-        printf("%-12s %7d %9d %14d %10.0f ms %11d %8.1f tks %9.1f s\n", kind, k.faults, k.survived,
-               k.notifications, k.longestWait * 1000, k.unanswered, k.longestLag, k.longestBack);
-        all.faults += k.faults;
-        all.survived += k.survived;
-        all.notifications += k.notifications;
-        all.unanswered += k.unanswered;
-        all.longestWait = std::max(all.longestWait, k.longestWait);
-        all.longestLag = std::max(all.longestLag, k.longestLag);
-        all.longestBack = std::max(all.longestBack, k.longestBack);
     }
-    printf("%-12s %7d %9d %14d %10.0f ms %11d %8.1f tks %9.1f s\n", "all", all.faults, all.survived,
-           all.notifications, all.longestWait * 1000, all.unanswered, all.longestLag,
-           all.longestBack);
+    printRow("all", all);
     printf("\n");
     for (size_t i = 0; i < devices.size(); ++i) {
         const DeviceFigures& d = devices[i];
@@ -673,10 +647,8 @@ void printTable(const std::vector<DeviceFigures>& devices, double minutes) {
             printf("device %zu: %s\n", i + 1, d.failure.c_str());
         }
     }
-    for (const auto& [kind, k] : total) {
-        for (const std::string& f : k.failures) {
-            printf("failed: %s\n", f.c_str());
-        }
+    for (const std::string& f : all.failures) {
+        printf("failed: %s\n", f.c_str());
     }
 }
 
@@ -725,10 +697,8 @@ int main(int argc, char** argv) {
     if (count < 1 || minutes <= 0 || kinds.empty()) {
         usage();
     }
-    struct sigaction action = {};
-    action.sa_handler = onSignal;
-    sigaction(SIGINT, &action, nullptr);
-    sigaction(SIGTERM, &action, nullptr);
+    // A stop starts no new fault; the devices go down through their destructors.
+    bench::catchStopSignals();
 
     const auto start = Clock::now();
     const auto deadline = start + std::chrono::duration_cast<Clock::duration>(
@@ -736,7 +706,7 @@ int main(int argc, char** argv) {
     std::vector<DeviceFigures> devices;
     if (parallel) {
         devices = runParallel(kinds, count, deadline);
-    } else if (privateNetwork()) {
+    } else if (enterPrivateNetwork()) {
         devices.push_back(Campaign(kinds).run(count, deadline));
     } else {
         return 1;

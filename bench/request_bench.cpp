@@ -10,10 +10,7 @@
 //    process, which reads their counts around a run of requests.
 // Needs root: the servers bind the fixed ports in a network namespace of this process's own.
 // Not a test: the figures are for people to read.
-#include <net/if.h>
-#include <sched.h>
 #include <signal.h>
-#include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
@@ -32,6 +29,7 @@
 #include <vector>
 #include <zmq.hpp>
 
+#include "BenchSupport.h"
 #include "Logger.h"
 #include "OstPmcCommands.h"
 #include "OstPmcJsonClient.h"
@@ -90,51 +88,13 @@ struct Options {
 
 using Clock = std::chrono::steady_clock;
 
-volatile sig_atomic_t g_stop = 0;
+using bench::checkStop;
+using bench::percentile;
 
-void onStop(int) {
-    g_stop = 1;
-}
-
-void checkStop() {
-    if (g_stop) {
-        throw std::runtime_error("interrupted");
-    }
-}
-
-// The servers bind 127.0.0.1:5573, 5574 and 5580: a network namespace of our own keeps them
-// apart from any daemon of this machine.
-void enterPrivateNetwork() {
-    if (unshare(CLONE_NEWNET) != 0) {
-        throw std::runtime_error(std::string("unshare(CLONE_NEWNET): ") + std::strerror(errno) +
-                                 " (run as root)");
-    }
-    const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    ifreq lo{};
-    std::strncpy(lo.ifr_name, "lo", IFNAMSIZ - 1);
-    bool up = false;
-    if (fd >= 0 && ioctl(fd, SIOCGIFFLAGS, &lo) == 0) {
-        lo.ifr_flags |= IFF_UP;
-        up = ioctl(fd, SIOCSIFFLAGS, &lo) == 0;
-    }
-    if (fd >= 0) {
-        close(fd);
-    }
-    if (!up) {
-        throw std::runtime_error("cannot bring up the loopback interface");
-    }
-}
-
+// -1: not pinned.
 void pinTo(int cpu) {
-    if (cpu < 0) {
-        return;
-    }
-    cpu_set_t set;
-    CPU_ZERO(&set);
-    CPU_SET(cpu, &set);
-    if (sched_setaffinity(0, sizeof(set), &set) != 0) {
-        throw std::runtime_error("cannot pin to CPU " + std::to_string(cpu) + ": " +
-                                 std::strerror(errno));
+    if (cpu >= 0) {
+        bench::pin(0, cpu);
     }
 }
 
@@ -237,14 +197,6 @@ class BareClient {
     zmq::socket_t m_socket;
     zmq::message_t m_reply;
 };
-
-double percentile(std::vector<double> values, double p) {
-    if (values.empty()) {
-        return 0;
-    }
-    std::sort(values.begin(), values.end());
-    return values[static_cast<size_t>(p * static_cast<double>(values.size() - 1))];
-}
 
 // Appends the round-trip time of each of count calls, in microseconds.
 void timeBatch(int count, const std::function<bool()>& call, std::vector<double>& samples) {
@@ -416,7 +368,8 @@ int main(int argc, char** argv) {
     pid_t daemon = -1, floorServer = -1;
     int rc = 0;
     try {
-        enterPrivateNetwork();
+        // The servers bind 127.0.0.1:5573, 5574 and 5580.
+        bench::enterPrivateNetwork();
         void* page = mmap(nullptr, sizeof(std::atomic<uint64_t>) * SLOTS, PROT_READ | PROT_WRITE,
                           MAP_SHARED | MAP_ANONYMOUS, -1, 0);
         if (page == MAP_FAILED) {
@@ -427,12 +380,7 @@ int main(int argc, char** argv) {
         daemon = startChild(DAEMON, runDaemon, options.cpu);
         floorServer = startChild(FLOOR_SERVER, runFloorServer, options.cpu);
         pinTo(options.cpu);
-        struct sigaction action {};
-        action.sa_handler = onStop;
-        sigemptyset(&action.sa_mask);
-        for (int signo : {SIGINT, SIGTERM, SIGHUP}) {
-            sigaction(signo, &action, nullptr);
-        }
+        bench::catchStopSignals();
         if (options.cpu >= 0) {
             std::printf("all processes pinned to CPU %d\n", options.cpu);
         }

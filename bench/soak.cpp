@@ -9,12 +9,8 @@
 // figures are for people to read.
 #include <fcntl.h>
 #include <malloc.h>
-#include <net/if.h>
 #include <poll.h>
-#include <sched.h>
 #include <signal.h>
-#include <sys/ioctl.h>
-#include <sys/mount.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -24,12 +20,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "BenchSupport.h"
 #include "HostileRequests.h"
 #include "JsonText.h"
 #include "Logger.h"
@@ -55,55 +51,7 @@ struct Options {
 
 using Clock = std::chrono::steady_clock;
 
-volatile sig_atomic_t g_stop = 0;
-
-void onStop(int) {
-    g_stop = 1;
-}
-
-// The server installs handlers of its own that only wake its poll loop, which the soak does
-// not run; ours make Ctrl-C end the soak through its destructors instead.
-void catchStopSignals() {
-    struct sigaction action {};
-    action.sa_handler = onStop;
-    sigemptyset(&action.sa_mask);
-    for (int signo : {SIGINT, SIGTERM, SIGHUP}) {
-        sigaction(signo, &action, nullptr);
-    }
-}
-
-void checkStop() {
-    if (g_stop) {
-        throw std::runtime_error("interrupted");
-    }
-}
-
-// The server binds 127.0.0.1:5573 and 5574, and the clock-driver stand-in mounts on the probe's
-// root: namespaces of our own keep both from this machine, and go with this process.
-void enterPrivateNamespaces() {
-    if (unshare(CLONE_NEWNET | CLONE_NEWNS) != 0) {
-        throw std::runtime_error(std::string("unshare: ") + std::strerror(errno) +
-                                 " (run as root)");
-    }
-    if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
-        throw std::runtime_error(std::string("cannot make the mounts private: ") +
-                                 std::strerror(errno));
-    }
-    const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    ifreq lo{};
-    std::strncpy(lo.ifr_name, "lo", IFNAMSIZ - 1);
-    bool up = false;
-    if (fd >= 0 && ioctl(fd, SIOCGIFFLAGS, &lo) == 0) {
-        lo.ifr_flags |= IFF_UP;
-        up = ioctl(fd, SIOCSIFFLAGS, &lo) == 0;
-    }
-    if (fd >= 0) {
-        close(fd);
-    }
-    if (!up) {
-        throw std::runtime_error("cannot bring up the loopback interface");
-    }
-}
+using bench::checkStop;
 
 struct Footprint {
     size_t heap = 0;  // bytes
@@ -111,15 +59,7 @@ struct Footprint {
 };
 
 Footprint footprint() {
-    Footprint f;
-    f.heap = mallinfo2().uordblks;
-    std::ifstream status("/proc/self/status");
-    for (std::string line; std::getline(status, line);) {
-        if (line.rfind("VmRSS:", 0) == 0) {
-            f.rssKiB = std::atol(line.c_str() + 6);
-        }
-    }
-    return f;
+    return {mallinfo2().uordblks, bench::rssKiB()};
 }
 
 // ptp4l's management socket, played by a ScriptedPeer on a thread of its own. The status cycle
@@ -236,7 +176,7 @@ Row soakTicks(const Options& options) {
     setup.fakePtp4l = false;
     OstPmcServerProbe probe(setup);
     ScriptedPtp4l ptp4l(probe.root().file("/var/run/ptp4l"), probe.clientPath());
-    catchStopSignals();
+    bench::catchStopSignals();
     probe.mutableCfg().domainNumber = CONFIGURED_DOMAIN;
     OstPmcPtpPortCfg port;
     port.port = 1;
@@ -279,7 +219,7 @@ Row soakRequests(const Options& options) {
     setup.board = ONE_PORT_BOARD;
     setup.captureLog = false;
     OstPmcServerProbe probe(setup);
-    catchStopSignals();
+    bench::catchStopSignals();
     // Started with the active profile: a running configuration of it is not applied again.
     Json::Value cfg;
     cfg["profile"] = "AES67:Media";
@@ -379,9 +319,10 @@ int main(int argc, char** argv) {
     setenv("OSTPMC_SYSROOT", OstPmcServerProbe::probeRoot().c_str(), 1);
     // The daemon's default level; its lines are not the figures.
     Logger::createLogger(Logger::INF | Logger::LOG_TO_FILE, "/dev/null", "ostPmc");
-    catchStopSignals();
+    bench::catchStopSignals();
     try {
-        enterPrivateNamespaces();
+        // The clock-driver stand-in mounts on the probe's root: a mount namespace keeps it here.
+        bench::enterPrivateNetwork(true);
         std::vector<Row> rows;
         rows.push_back(soakTicks(options));
         rows.push_back(soakRequests(options));

@@ -9,10 +9,7 @@
 // Needs root: it makes a network namespace of its own and a test bed. Not a test: the figures
 // are for people to read.
 #include <malloc.h>
-#include <net/if.h>
-#include <sched.h>
 #include <signal.h>
-#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -25,6 +22,7 @@
 #include <string>
 #include <vector>
 
+#include "BenchSupport.h"
 #include "Logger.h"
 #include "OstPmcServerProbe.h"
 #include "Ptp4lBed.h"
@@ -50,97 +48,12 @@ struct Options {
 };
 
 using Clock = std::chrono::steady_clock;
-
-volatile sig_atomic_t g_stop = 0;
-
-void onStop(int) {
-    g_stop = 1;
-}
-
-// The server installs handlers of its own that only wake its poll loop, which the bench does
-// not run; ours make Ctrl-C end the bench through its destructors (bed, probe) instead.
-void catchStopSignals() {
-    struct sigaction action {};
-    action.sa_handler = onStop;
-    sigemptyset(&action.sa_mask);
-    for (int signo : {SIGINT, SIGTERM, SIGHUP}) {
-        sigaction(signo, &action, nullptr);
-    }
-}
-
-void checkStop() {
-    if (g_stop) {
-        throw std::runtime_error("interrupted");
-    }
-}
-
-// The server binds 127.0.0.1:5573 and 5574: a network namespace of our own keeps them apart
-// from any daemon of this machine. No mount namespace: the bed's namespaces must stay where
-// ptp4l-bed.sh cleanup finds them, should this process be killed.
-void enterPrivateNetwork() {
-    if (unshare(CLONE_NEWNET) != 0) {
-        throw std::runtime_error(std::string("unshare(CLONE_NEWNET): ") + std::strerror(errno) +
-                                 " (run as root)");
-    }
-    const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    ifreq lo{};
-    std::strncpy(lo.ifr_name, "lo", IFNAMSIZ - 1);
-    bool up = false;
-    if (fd >= 0 && ioctl(fd, SIOCGIFFLAGS, &lo) == 0) {
-        lo.ifr_flags |= IFF_UP;
-        up = ioctl(fd, SIOCSIFFLAGS, &lo) == 0;
-    }
-    if (fd >= 0) {
-        close(fd);
-    }
-    if (!up) {
-        throw std::runtime_error("cannot bring up the loopback interface");
-    }
-}
-
-int lastAllowedCpu() {
-    cpu_set_t set;
-    CPU_ZERO(&set);
-    sched_getaffinity(0, sizeof(set), &set);
-    int last = 0;
-    for (int cpu = 0; cpu < CPU_SETSIZE; ++cpu) {
-        if (CPU_ISSET(cpu, &set)) {
-            last = cpu;
-        }
-    }
-    return last;
-}
-
-// pid 0 is this thread; threads started later inherit it.
-void pin(pid_t pid, int cpu) {
-    cpu_set_t set;
-    CPU_ZERO(&set);
-    CPU_SET(cpu, &set);
-    if (sched_setaffinity(pid, sizeof(set), &set) != 0) {
-        throw std::runtime_error("cannot pin " + std::to_string(pid) + " to CPU " +
-                                 std::to_string(cpu) + ": " + std::strerror(errno));
-    }
-}
+using bench::checkStop;
+using bench::mean;
+using bench::median;
 
 double microseconds(Clock::duration d) {
     return std::chrono::duration<double, std::micro>(d).count();
-}
-
-double mean(const std::vector<double>& values) {
-    double sum = 0;
-    for (double v : values) {
-        sum += v;
-    }
-    return values.empty() ? 0 : sum / static_cast<double>(values.size());
-}
-
-double median(std::vector<double> values) {
-    if (values.empty()) {
-        return 0;
-    }
-    auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
-    std::nth_element(values.begin(), middle, values.end());
-    return *middle;
 }
 
 // The four GETs of a one-port board's cycle, byte for byte as the daemon sends them but for
@@ -243,14 +156,14 @@ LiveFigures runLive(const Options& options, int cpu) {
         throw std::runtime_error("test bed: " + bed.error());
     }
     const bool synchronised = bed.waitForSlave(std::chrono::seconds(30));
-    pin(bed.slavePid(), cpu);
+    bench::pin(bed.slavePid(), cpu);
     std::printf("slave ptp4l (pid %d, pinned to CPU %d): %s\n", bed.slavePid(), cpu,
                 synchronised ? "SLAVE" : "running, not synchronised");
 
     OstPmcServerProbe::Setup setup = benchSetup();
     setup.fakePtp4l = false;
     OstPmcServerProbe probe(setup);
-    catchStopSignals();
+    bench::catchStopSignals();
     // The server's fixed management socket path leads to the bed's slave.
     const std::string serverPath = probe.root().file("/var/run/ptp4l");
     if (symlink(bed.slaveSocket().c_str(), serverPath.c_str()) != 0) {
@@ -318,7 +231,7 @@ HeapFigures heapAfterCycles(const Options& options, bool refusePriority1) {
         setup.model.refusedSets = {PRIORITY1};
     }
     OstPmcServerProbe probe(setup);
-    catchStopSignals();
+    bench::catchStopSignals();
     if (refusePriority1) {
         // Differs from what the fake runs with, so every cycle tries to set it.
         probe.mutableCfg().priority1 = REFUSED_PRIORITY1;
@@ -389,11 +302,11 @@ int main(int argc, char** argv) {
     setenv("OSTPMC_SYSROOT", OstPmcServerProbe::probeRoot().c_str(), 1);
     // The daemon's default level; its lines are not the figures.
     Logger::createLogger(Logger::INF | Logger::LOG_TO_FILE, "/dev/null", "ostPmc");
-    catchStopSignals();
+    bench::catchStopSignals();
     try {
-        enterPrivateNetwork();
-        const int cpu = options.cpu >= 0 ? options.cpu : lastAllowedCpu();
-        pin(0, cpu);
+        bench::enterPrivateNetwork();
+        const int cpu = options.cpu >= 0 ? options.cpu : bench::lastAllowedCpu();
+        bench::pin(0, cpu);
 
         const LiveFigures live = runLive(options, cpu);
         const double cycle = mean(live.cycleUs), floor = mean(live.floorUs);
