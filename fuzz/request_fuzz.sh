@@ -4,7 +4,7 @@
 # ports and the clock-driver stand-in mounts: run this inside tests/support/private-net.sh.
 #
 # The run's working directory is that directory, so give the corpus and -artifact_prefix as
-# absolute paths. It holds a profile file with shell syntax in its name, which the seed corpus
+# absolute paths. It holds a profile file with shell syntax in its name, which the starting corpus
 # names, so that the quoting of a file named by a request is fuzzed on a file that exists.
 set -u
 here=$(cd "$(dirname "$0")" && pwd)
