@@ -7,12 +7,8 @@
 // Run it through request_fuzz.sh, which names the root and removes it afterwards, inside
 // tests/support/private-net.sh: the server binds the fixed ports and the stand-in mounts.
 #include <dirent.h>
-#include <netinet/in.h>
 #include <signal.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
-#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -21,11 +17,11 @@
 #include <memory>
 #include <set>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "BoardModel.h"
 #include "FakePtp4l.h"
+#include "FreePorts.h"
 #include "IpcAddress.h"
 #include "JsonText.h"
 #include "Logger.h"
@@ -119,29 +115,6 @@ std::set<std::string> entries(const std::string& dir) {
         closedir(d);
     }
     return names;
-}
-
-// The server closed its sockets, but the context releases the ports a moment later.
-void waitForFreePorts() {
-    for (int attempt = 0; attempt < 500; ++attempt) {
-        bool free = true;
-        for (uint16_t port : {IpcAddress::DEFAULT_PORT, IpcAddress::PUBLISH_PORT}) {
-            const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-            const int one = 1;
-            setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof(one));
-            sockaddr_in addr{};
-            addr.sin_family = AF_INET;
-            addr.sin_port = htons(port);
-            addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-            free = free && bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0;
-            close(fd);
-        }
-        if (free) {
-            return;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    fail("the request ports stay busy", std::to_string(IpcAddress::DEFAULT_PORT));
 }
 
 // What the shell and the init script were asked to run for one input, checked against what
@@ -311,7 +284,9 @@ class RequestHarness {
         m_log.clear();
         m_audit.forgetNamed();
         m_ptp4l->update([this](FakePtp4l::Model& m) { m = m_model; });
-        waitForFreePorts();
+        if (!waitForFreePorts(500)) {
+            fail("the request ports stay busy", std::to_string(IpcAddress::DEFAULT_PORT));
+        }
         m_server = std::make_unique<OstPmcServer>();
         if (m_server->init() != 0) {
             // Its destructor relies on a completed init(): never run it.

@@ -1,10 +1,8 @@
 // The built daemon as the init system and operators see it: command line, start-up failure,
 // stopping on signals, detaching.
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <signal.h>
 #include <sys/prctl.h>
-#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -13,6 +11,7 @@
 #include <regex>
 
 #include "ChildProcess.h"
+#include "FreePorts.h"
 #include "RunningDaemon.h"
 #include "TestSysRoot.h"
 
@@ -22,28 +21,18 @@ std::vector<std::string> rootEnv(const TestSysRoot& root) {
     return {"OSTPMC_SYSROOT=" + root.path()};
 }
 
-// Holds a loopback TCP port the way another service would.
+// Holds a loop-back TCP port the way another service would.
 class PortHolder {
   public:
-    explicit PortHolder(uint16_t port) {
-        m_fd = socket(AF_INET, SOCK_STREAM, 0);
-        // Connections of earlier tests may linger in TIME_WAIT; a live listener still
-        // keeps the daemon out.
-        int one = 1;
-        setsockopt(m_fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof(one));
-        sockaddr_in addr{};
-        addr.sin_family = AF_INET;
-        addr.sin_port = htons(port);
-        addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        m_ok = bind(m_fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0 &&
-               listen(m_fd, 1) == 0;
+    explicit PortHolder(uint16_t port) : m_fd(bindLoopback(port)) {
+        m_ok = m_fd >= 0 && listen(m_fd, 1) == 0;
     }
     ~PortHolder() { close(m_fd); }
     bool ok() const { return m_ok; }
 
   private:
-    int m_fd;
-    bool m_ok = false;
+    const int m_fd;
+    bool m_ok;
 };
 
 bool containsInOrder(const std::string& text, const std::vector<std::string>& lines,

@@ -1,16 +1,14 @@
 #include "OstPmcServerProbe.h"
 
-#include <netinet/in.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <filesystem>
 #include <sstream>
 #include <stdexcept>
-#include <thread>
 
-#include "IpcAddress.h"
+#include "FreePorts.h"
 #include "JsonText.h"
 #include "SysRoot.h"
 #include "SystemDefaultCfg.h"
@@ -26,29 +24,6 @@ bool parse(const std::string& text, Json::Value& out) {
     std::string errors;
     std::istringstream in(text);
     return Json::parseFromStream(builder, in, &out, &errors);
-}
-
-// The previous probe of this process closed its sockets, but the context releases their ports
-// a moment later.
-void waitForFreePorts() {
-    for (int attempt = 0; attempt < 200; ++attempt) {
-        bool free = true;
-        for (uint16_t port : {IpcAddress::DEFAULT_PORT, IpcAddress::PUBLISH_PORT}) {
-            const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-            const int one = 1;
-            setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof(one));
-            sockaddr_in addr{};
-            addr.sin_family = AF_INET;
-            addr.sin_port = htons(port);
-            addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-            free = free && bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0;
-            close(fd);
-        }
-        if (free) {
-            return;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
 }
 
 }  // namespace
@@ -72,7 +47,7 @@ OstPmcServerProbe::OstPmcServerProbe(const Setup& setup)
     if (setup.fakePtp4l) {
         m_ptp4l = std::make_unique<FakePtp4l>(m_root.file("/var/run/ptp4l"), setup.model);
     }
-    waitForFreePorts();
+    waitForFreePorts(200);
     m_server = std::make_unique<OstPmcServer>();
     if (m_server->init() != 0) {
         // Like the daemon, never destroy a server that did not start: its destructor relies
