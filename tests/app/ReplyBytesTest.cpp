@@ -45,14 +45,31 @@ std::string withoutTimes(const std::string& reply) {
                               R"("secondsSinceLastGoodCycle":0)");
 }
 
-class Recorder {
-  public:
-    explicit Recorder(Replies& replies) : m_replies(replies) {}
+// The reply to one request text, as the request socket answers it; its result in *result.
+std::string ask(OstPmcServerProbe& probe, const std::string& request, int* result = nullptr) {
+    std::string reply;
+    const int answered = probe.server().answerRequest(request.data(), request.size(), reply);
+    if (result) {
+        *result = answered;
+    }
+    return reply;
+}
 
+std::string get(OstPmcServerProbe& probe, unsigned int code) {
+    return ask(probe, "{\"cmd\":" + std::to_string(code) + "}");
+}
+
+void ticks(OstPmcServerProbe& probe, int count) {
+    for (int cycle = 0; cycle < count; ++cycle) {
+        probe.tick();
+    }
+}
+
+struct Recorder {
     void ask(OstPmcServerProbe& probe, const std::string& name, const std::string& request) {
-        std::string reply;
-        const int result = probe.server().answerRequest(request.data(), request.size(), reply);
-        m_replies.emplace_back(name, std::to_string(result) + " " + withoutTimes(reply));
+        int result = 0;
+        const std::string reply = ::ask(probe, request, &result);
+        replies.emplace_back(name, std::to_string(result) + " " + withoutTimes(reply));
     }
     void askGets(OstPmcServerProbe& probe, const std::string& state) {
         for (unsigned int code : {OSTPMC_GET_PTP_INFO, OSTPMC_GET_RUNNING_CFG, OSTPMC_GET_PTP_STATS,
@@ -61,9 +78,7 @@ class Recorder {
                 "{\"cmd\":" + std::to_string(code) + "}");
         }
     }
-
-  private:
-    Replies& m_replies;
+    Replies replies;
 };
 
 std::string nested(int depth) {
@@ -109,8 +124,7 @@ const std::vector<std::pair<std::string, std::string>> SHAPES = {
 };
 
 Replies record() {
-    Replies replies;
-    Recorder recorder(replies);
+    Recorder recorder;
     {
         OstPmcServerProbe::Setup setup;
         setup.board = KESTREL;
@@ -125,9 +139,7 @@ Replies record() {
                      R"("port":[{"port":1,"syncInterval":-3}]}})");
         recorder.askGets(probe, "configured");
         recorder.ask(probe, "configured/repeated", R"({"cmd":3,"data":{"profile":"AES67:Media"}})");
-        for (int cycle = 0; cycle < 4; ++cycle) {
-            probe.tick();
-        }
+        ticks(probe, 4);
         recorder.askGets(probe, "cycled");
         recorder.ask(probe, "parameter/set",
                      R"({"cmd":1,"data":{"priority1":100,"priority2":7,"syncInterval":-2}})");
@@ -142,9 +154,7 @@ Replies record() {
             m.stepsRemoved = 3;
             m.ports[0].state = 7;
         });
-        for (int cycle = 0; cycle < 4; ++cycle) {
-            probe.tick();
-        }
+        ticks(probe, 4);
         recorder.askGets(probe, "new-grandmaster");
         probe.ptp4l().update([](FakePtp4l::Model& m) { m.refusedGets = {PORT_DS}; });
         probe.tick();
@@ -159,12 +169,10 @@ Replies record() {
         OstPmcServerProbe probe(setup);
         recorder.askGets(probe, "one-port");
         recorder.ask(probe, "one-port/set", R"({"cmd":3,"data":{"profile":"GPTP:L2"}})");
-        for (int cycle = 0; cycle < 2; ++cycle) {
-            probe.tick();
-        }
+        ticks(probe, 2);
         recorder.askGets(probe, "one-port-cycled");
     }
-    return replies;
+    return recorder.replies;
 }
 
 std::string escaped(const std::string& text) {
@@ -220,13 +228,6 @@ std::string current(const Json::Value& data) {
     return Json::writeString(builder, envelope);
 }
 
-std::string answer(OstPmcServerProbe& probe, unsigned int code) {
-    const std::string request = "{\"cmd\":" + std::to_string(code) + "}";
-    std::string reply;
-    probe.server().answerRequest(request.data(), request.size(), reply);
-    return reply;
-}
-
 // Each status query answers what its record holds now, asked twice so that a second answer
 // could come from whatever the first one left behind.
 void expectCurrent(OstPmcServerProbe& probe) {
@@ -235,9 +236,9 @@ void expectCurrent(OstPmcServerProbe& probe) {
     probe.runningCfg().Serialize(cfg["ptp"]);
     probe.stats().Serialize(stats["ptp-stats"]);
     for (int round = 0; round < 2; ++round) {
-        EXPECT_EQ(current(status), answer(probe, OSTPMC_GET_PTP_INFO));
-        EXPECT_EQ(current(cfg), answer(probe, OSTPMC_GET_RUNNING_CFG));
-        EXPECT_EQ(current(stats), answer(probe, OSTPMC_GET_PTP_STATS));
+        EXPECT_EQ(current(status), get(probe, OSTPMC_GET_PTP_INFO));
+        EXPECT_EQ(current(cfg), get(probe, OSTPMC_GET_RUNNING_CFG));
+        EXPECT_EQ(current(stats), get(probe, OSTPMC_GET_PTP_STATS));
     }
 }
 
@@ -249,25 +250,23 @@ TEST(StatusReplies, FollowEveryTickSetterRequestAndBoardChange) {
     setup.model = twoPorts();
     OstPmcServerProbe probe(setup);
     expectCurrent(probe);
-    const std::string fresh = answer(probe, OSTPMC_GET_PTP_INFO);
+    const std::string fresh = get(probe, OSTPMC_GET_PTP_INFO);
 
     SCOPED_TRACE("a status cycle");
     probe.tick();
-    EXPECT_NE(fresh, answer(probe, OSTPMC_GET_PTP_INFO));
+    EXPECT_NE(fresh, get(probe, OSTPMC_GET_PTP_INFO));
     expectCurrent(probe);
 
     // Only the offset moves: one figure in a long reply, as a drifting clock shows it.
-    const std::string before = answer(probe, OSTPMC_GET_PTP_INFO);
+    const std::string before = get(probe, OSTPMC_GET_PTP_INFO);
     probe.ptp4l().update([](FakePtp4l::Model& m) { m.offsetFromMaster += 65536; });
     probe.tick();
-    EXPECT_NE(before, answer(probe, OSTPMC_GET_PTP_INFO));
+    EXPECT_NE(before, get(probe, OSTPMC_GET_PTP_INFO));
     expectCurrent(probe);
-    const std::string stats = answer(probe, OSTPMC_GET_PTP_STATS);
+    const std::string stats = get(probe, OSTPMC_GET_PTP_STATS);
     probe.ptp4l().update([](FakePtp4l::Model& m) { m.stats[0] = 77.0; });
-    for (int cycle = 0; cycle < 4; ++cycle) {
-        probe.tick();
-    }
-    EXPECT_NE(stats, answer(probe, OSTPMC_GET_PTP_STATS));
+    ticks(probe, 4);
+    EXPECT_NE(stats, get(probe, OSTPMC_GET_PTP_STATS));
     expectCurrent(probe);
 
     SCOPED_TRACE("requests");
