@@ -7,6 +7,7 @@
 
 #include <cstdlib>
 #include <fstream>
+#include <functional>
 #include <map>
 #include <regex>
 
@@ -250,39 +251,40 @@ TEST(StatusReplies, FollowEveryTickSetterRequestAndBoardChange) {
     setup.model = twoPorts();
     OstPmcServerProbe probe(setup);
     expectCurrent(probe);
-    const std::string fresh = get(probe, OSTPMC_GET_PTP_INFO);
-
-    SCOPED_TRACE("a status cycle");
-    probe.tick();
-    EXPECT_NE(fresh, get(probe, OSTPMC_GET_PTP_INFO));
-    expectCurrent(probe);
-
+    // A change that shows in the reply to code at once.
+    auto expectMoves = [&](unsigned int code, const std::function<void()>& change) {
+        const std::string before = get(probe, code);
+        change();
+        EXPECT_NE(before, get(probe, code));
+        expectCurrent(probe);
+    };
+    SCOPED_TRACE("status cycles");
+    expectMoves(OSTPMC_GET_PTP_INFO, [&] { probe.tick(); });
     // Only the offset moves: one figure in a long reply, as a drifting clock shows it.
-    const std::string before = get(probe, OSTPMC_GET_PTP_INFO);
-    probe.ptp4l().update([](FakePtp4l::Model& m) { m.offsetFromMaster += 65536; });
-    probe.tick();
-    EXPECT_NE(before, get(probe, OSTPMC_GET_PTP_INFO));
-    expectCurrent(probe);
-    const std::string stats = get(probe, OSTPMC_GET_PTP_STATS);
-    probe.ptp4l().update([](FakePtp4l::Model& m) { m.stats[0] = 77.0; });
-    ticks(probe, 4);
-    EXPECT_NE(stats, get(probe, OSTPMC_GET_PTP_STATS));
-    expectCurrent(probe);
+    expectMoves(OSTPMC_GET_PTP_INFO, [&] {
+        probe.ptp4l().update([](FakePtp4l::Model& m) { m.offsetFromMaster += 65536; });
+        probe.tick();
+    });
+    expectMoves(OSTPMC_GET_PTP_STATS, [&] {
+        probe.ptp4l().update([](FakePtp4l::Model& m) { m.stats[0] = 77.0; });
+        ticks(probe, 4);
+    });
 
     SCOPED_TRACE("requests");
-    std::string reply;
-    const std::string configure = R"({"cmd":3,"data":{"profile":"AES67:Media","priority1":90}})";
-    EXPECT_EQ(0, probe.server().answerRequest(configure.data(), configure.size(), reply));
+    auto resultOf = [&](const std::string& request) {
+        int result = 1;
+        ask(probe, request, &result);
+        return result;
+    };
+    EXPECT_EQ(0, resultOf(R"({"cmd":3,"data":{"profile":"AES67:Media","priority1":90}})"));
     EXPECT_EQ(90, probe.runningCfg().priority1);
     expectCurrent(probe);
-    const std::string parameter = R"({"cmd":1,"data":{"priority2":7,"syncInterval":-2}})";
-    EXPECT_EQ(0, probe.server().answerRequest(parameter.data(), parameter.size(), reply));
+    EXPECT_EQ(0, resultOf(R"({"cmd":1,"data":{"priority2":7,"syncInterval":-2}})"));
     EXPECT_EQ(7, probe.runningCfg().priority2);
     expectCurrent(probe);
     // A request refused half-way keeps what it applied before the refusal.
     probe.ptp4l().update([](FakePtp4l::Model& m) { m.refusedSets = {LOG_SYNC_INTERVAL}; });
-    const std::string refused = R"({"cmd":1,"data":{"priority1":5,"syncInterval":1}})";
-    EXPECT_EQ(-1, probe.server().answerRequest(refused.data(), refused.size(), reply));
+    EXPECT_EQ(-1, resultOf(R"({"cmd":1,"data":{"priority1":5,"syncInterval":1}})"));
     EXPECT_EQ(5, probe.runningCfg().priority1);
     expectCurrent(probe);
 
@@ -300,10 +302,7 @@ TEST(StatusReplies, FollowEveryTickSetterRequestAndBoardChange) {
     SCOPED_TRACE("the board model");
     probe.root().writeSystemDefaults(4);
     ASSERT_EQ(0, SystemDefaultCfg::getInstance()->reload());
-    std::string notAvailable;
-    const std::string ask = R"({"cmd":4})";
-    EXPECT_EQ(IpcResult::ERROR_NOT_AVAILABLE,
-              probe.server().answerRequest(ask.data(), ask.size(), notAvailable));
+    EXPECT_EQ(IpcResult::ERROR_NOT_AVAILABLE, resultOf(R"({"cmd":4})"));
     probe.root().writeSystemDefaults(KESTREL);
     ASSERT_EQ(0, SystemDefaultCfg::getInstance()->reload());
     expectCurrent(probe);
