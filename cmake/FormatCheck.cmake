@@ -4,6 +4,7 @@ find_program(CLANG_FORMAT_EXECUTABLE NAMES clang-format clang-format-14)
 if(CLANG_FORMAT_EXECUTABLE)
   file(GLOB_RECURSE ostpmc_format_sources CONFIGURE_DEPENDS
     ${PROJECT_SOURCE_DIR}/app/*.cpp ${PROJECT_SOURCE_DIR}/app/*.h
+    ${PROJECT_SOURCE_DIR}/server/*.cpp ${PROJECT_SOURCE_DIR}/server/*.h
     ${PROJECT_SOURCE_DIR}/client/*.cpp ${PROJECT_SOURCE_DIR}/client/*.h
     ${PROJECT_SOURCE_DIR}/records/*.cpp ${PROJECT_SOURCE_DIR}/records/*.h
     ${PROJECT_SOURCE_DIR}/ptpmgmt/*.cpp ${PROJECT_SOURCE_DIR}/ptpmgmt/*.h

@@ -46,8 +46,8 @@ class OstPmcServer : ServerJsonApi, FileMgr {
     int getInternalDebugInfo(Json::Value& out);
     int getPtpStats(Json::Value& out);
 
-    // ptp4l control (control/): profile files, (re)starts, configuration changes. Each returns
-    // 0 or the negative code of the first failure.
+    // ptp4l control (OstPmcServerControl, -Profile, -Setters): profile files, (re)starts,
+    // configuration changes. Each returns 0 or the negative code of the first failure.
     int getPtpDefaultConfigFile(const PtpProfile& profile, std::string& path);
     int extractPtpDomainFromProfileCfgFile(const OstPmcPtpCfg& cfg, uint8_t& domain);
     // Pushes configured values that the running ptp4l does not show yet.
@@ -66,7 +66,7 @@ class OstPmcServer : ServerJsonApi, FileMgr {
     int setPtpAnnounceTimeout(int port, int8_t value);
     int setPtpSyncInterval(int port, int8_t value);
 
-    // Status monitoring (monitor/): one status cycle per timer tick.
+    // Status monitoring (OstPmcServerMonitor): one status cycle per timer tick.
     int refreshPtpStatus();
     int getPtpPortInfo(PtpBasePortInfo& info, int portNumber);
     int refreshPtpStats(bool fetch);
